@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Builds the tests of one preset and runs them.
+source "$(dirname "$0")/lib/common.sh"
+
+usage() {
+  cat <<USAGE
+usage: scripts/test.sh [--preset NAME] [--label REGEX]
+
+Installs what is missing, builds and runs the tests. Exit code 0 if all pass.
+  --preset NAME   dev (default), asan, tsan, clang or armhf
+  --label REGEX   only tests with a matching label: unit, model, e2e
+USAGE
+}
+
+preset=dev
+label=
+while (($# > 0)); do
+  case $1 in
+    --preset) preset=${2:?--preset needs a name} && shift ;;
+    --label) label=${2:?--label needs a regular expression} && shift ;;
+    -h | --help) usage && exit 0 ;;
+    *) usage_error "unknown argument $1" ;;
+  esac
+  shift
+done
+
+case $preset in
+  armhf) scripts/setup.sh --armhf ;;
+  clang) scripts/setup.sh --checks ;;
+  dev | asan | tsan) scripts/setup.sh ;;
+  *) usage_error "no preset $preset has tests" ;;
+esac
+
+say "configure $preset"
+configure "$preset"
+
+say "build $preset"
+targets=()
+if [[ $label == unit ]]; then targets=(orva_unit_tests); fi
+build "$preset" "${targets[@]}"
+
+say "test $preset"
+rm -rf "build/$preset/test-results"
+selection=()
+if [[ -n $label ]]; then selection=(--label-regex "$label"); fi
+ctest --preset "$preset" "${selection[@]}"
