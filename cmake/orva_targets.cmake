@@ -1,3 +1,10 @@
+# What most sources include, for the precompiled headers. RapidJSON comes by way of share/json.h, which
+# insists on being the first to include it.
+set(ORVA_COMMON_HEADERS
+  <algorithm> <functional> <map> <memory> <set> <string> <unordered_map> <vector>
+  <boost/make_shared.hpp> <boost/shared_ptr.hpp>
+  ${PROJECT_SOURCE_DIR}/include/share/json.h)
+
 # orva_glob(<variable> <pattern>...): the sources of the current folder that match, followed as
 # files come and go.
 function(orva_glob variable)
@@ -19,9 +26,7 @@ function(orva_addin name)
   add_library(${name}_objects OBJECT ${sources})
   target_include_directories(${name}_objects PUBLIC ${PROJECT_SOURCE_DIR}/addins)
   target_link_libraries(${name}_objects PUBLIC orva_headers ${ARG_LIBRARIES})
-  target_precompile_headers(${name}_objects PRIVATE
-    <algorithm> <functional> <map> <memory> <set> <string> <unordered_map> <vector>
-    <boost/make_shared.hpp> <boost/shared_ptr.hpp>)
+  target_precompile_headers(${name}_objects PRIVATE ${ORVA_COMMON_HEADERS})
 
   # What the host supplies stays undefined in the shared library and is found when it is loaded.
   add_library(${name} SHARED $<TARGET_OBJECTS:${name}_objects>)
