@@ -25,4 +25,8 @@ void clearInstallation();
 // All variables by ascending id.
 std::vector<Variable> allVariables();
 
+// The variable whose id has these low 32 bits: the one whose id is just these, else the smallest
+// id. Null when there is none.
+boost::shared_ptr<const vm::Item> itemByLowBits(std::uint32_t low);
+
 }  // namespace orva::host
