@@ -9,7 +9,7 @@ namespace orva::host {
 std::string utcText(std::int64_t ticks);
 
 // The same into a buffer of at least kUtcTextSize bytes, without allocating.
-constexpr int kUtcTextSize = 32;
+constexpr int kUtcTextSize = 64;
 void utcText(std::int64_t ticks, char* out);
 
 }  // namespace orva::host

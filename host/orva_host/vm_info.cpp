@@ -32,6 +32,15 @@ struct Installation {
     lowBits.erase({static_cast<std::uint32_t>(id), id});
     variables.erase(found);
   }
+  boost::shared_ptr<const vm::Item> itemByLowBits(std::uint32_t low) const {
+    auto found = variables.find(low);
+    if (found == variables.end()) {
+      const auto first = lowBits.lower_bound({low, INT64_MIN});
+      if (first == lowBits.end() || first->first != low) return {};
+      found = variables.find(first->second);
+    }
+    return found->second.item;
+  }
   void addLayer(const vm::Layer& layer) {
     layers[layer.number] = boost::make_shared<const vm::Layer>(layer);
   }
@@ -99,14 +108,7 @@ std::vector<Variable> allVariables() {
 boost::shared_ptr<const vm::Item> itemByLowBits(std::uint32_t low) {
   Current& now = current();
   MutexLock lock(now.mutex);
-  const Installation& installation = now.installation;
-  auto found = installation.variables.find(low);
-  if (found == installation.variables.end()) {
-    const auto first = installation.lowBits.lower_bound({low, INT64_MIN});
-    if (first == installation.lowBits.end() || first->first != low) return {};
-    found = installation.variables.find(first->second);
-  }
-  return found->second.item;
+  return now.installation.itemByLowBits(low);
 }
 
 }  // namespace orva::host
