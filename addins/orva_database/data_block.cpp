@@ -1,0 +1,33 @@
+#include "orva_database/data_block.h"
+
+#include <algorithm>
+
+namespace orva::cache {
+
+DataBlock::~DataBlock() = default;
+
+DataBlock::iterator DataBlock::left_it(std::int64_t t, bool inclusive) const {
+  if (samples_.empty()) return samples_.end();
+  const auto found = std::lower_bound(samples_.rbegin(), samples_.rend(), t,
+                                      inclusive ? &left<true> : &left<false>);
+  return found == samples_.rend() ? samples_.begin() : std::prev(found.base());
+}
+
+PinPtr DataBlock::left_val(std::int64_t t, bool inclusive) const {
+  const iterator found = left_it(t, inclusive);
+  return found == samples_.end() ? PinPtr() : *found;
+}
+
+DataBlock::iterator DataBlock::right_it(std::int64_t t, bool inclusive) const {
+  return std::lower_bound(samples_.begin(), samples_.end(), t,
+                          inclusive ? &right<true> : &right<false>);
+}
+
+PinPtr DataBlock::right_val(std::int64_t t, bool inclusive) const {
+  const iterator found = right_it(t, inclusive);
+  return found == samples_.end() ? PinPtr() : *found;
+}
+
+void DataBlock::join_with(DataBlock&) {}
+
+}  // namespace orva::cache

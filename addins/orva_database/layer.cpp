@@ -1,0 +1,229 @@
+#include "orva_database/layer.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "host/host_time.h"
+
+namespace orva::cache {
+
+namespace {
+// Layers whose interval is at most this many ticks are not resampled.
+constexpr std::int64_t kNoResampling = 1'000'000;
+}  // namespace
+
+Layer::Limits Layer::limits;
+boost::shared_ptr<BlockStorage> Layer::storage = BlockStorage::make(Layer::kStorageBlocks);
+
+Layer::Layer() : lastEntry_(blocks_.end()), inbox_(boost::make_shared<Inbox>()) {}
+
+Layer::~Layer() = default;
+
+// ---- set up
+
+void Layer::init(const vm::Layer& description, archive::ILayerWriter& writer) {
+  flush();
+  resampler_.reset();
+  inbox_->take();
+  blocks_.clear();
+  lastEntry_ = blocks_.end();
+  last_.reset();
+  layer_ = static_cast<std::uint32_t>(description.number);
+  cached_ = description.cache;
+  if (cached_) baseInit();
+  writer_ = &writer;
+  if (description.resampleInterval > kNoResampling) {
+    resampler_ = std::make_unique<archive::Sampling>(description.resampleInterval, resampled_,
+                                                     resampled_.end());
+  }
+}
+
+void Layer::baseInit() {
+  reserved_ = 0;
+  last_ = storage->make_new();
+  blocks_.emplace(0, Entry());  // nothing before the first block is known
+  set_last(last_);
+}
+
+void Layer::set_last(const BlockPtr& block) {
+  // Key 0 is the lower end of the map, so a clock that stands there counts as one tick later.
+  const std::int64_t key =
+      block->empty() ? std::max<std::int64_t>(getInt64FileTime(), 1) : block->firstTime();
+  Entry entry;
+  entry.block = block;
+  const Iter known = blocks_.find(key);
+  if (known == blocks_.end()) {
+    lastEntry_ = blocks_.emplace_hint(blocks_.end(), key, std::move(entry));
+  } else if (live(known->second)) {
+    entry.entered = false;
+    lastEntry_ = blocks_.emplace(key, std::move(entry));
+  } else {
+    known->second = std::move(entry);
+    lastEntry_ = known;
+  }
+}
+
+// ---- the entries as a reader sees them
+
+Layer::BlockPtr Layer::live(const Entry& entry) {
+  BlockPtr block = entry.block.lock();
+  if (block && block->empty()) block.reset();
+  return block;
+}
+
+Layer::Iter Layer::skipEmptyLast(Iter it) {
+  if (it != blocks_.end() && it == lastEntry_ && last_->empty()) ++it;
+  return it;
+}
+
+bool Layer::previous(Iter& it) {
+  Iter at = it;
+  do {
+    if (at == blocks_.begin()) return false;
+    --at;
+  } while (at == lastEntry_ && last_->empty());
+  it = at;
+  return true;
+}
+
+Layer::Iter Layer::atOrBefore(std::int64_t time) {
+  Iter it = blocks_.upper_bound(time);
+  return previous(it) ? it : blocks_.end();
+}
+
+Layer::Iter Layer::before(std::int64_t time) {
+  Iter it = blocks_.lower_bound(time);
+  return previous(it) ? it : blocks_.end();
+}
+
+void Layer::clearInterval(Iter& position) {
+  const Iter removed = position;
+  position = next(position);
+  // A `last` behind a live block of its own key keeps its mark: it speaks of that block.
+  if (position != blocks_.end() && position->second.entered) position->second.joined = false;
+  if (removed == lastEntry_) return;
+  if (removed->first == 0) {
+    removed->second.block.reset();
+  } else {
+    blocks_.erase(removed);
+  }
+}
+
+PinPtr Layer::oldest() const {
+  for (const auto& [key, entry] : blocks_) {
+    if (const BlockPtr block = live(entry)) return *block->begin();
+  }
+  return {};
+}
+
+// ---- new samples
+
+Layer& Layer::operator<<(const PinPtr& sample) {
+  if (resampler_) {
+    resampler_->push(sample);
+    emitResampled();
+  } else {
+    emit(sample);
+  }
+  return *this;
+}
+
+void Layer::flush() {
+  if (!resampler_) return;
+  resampler_->flush();
+  emitResampled();
+}
+
+void Layer::emitResampled() {
+  while (!resampled_.empty()) {
+    emit(resampled_.front());
+    resampled_.pop_front();
+  }
+}
+
+void Layer::emit(const PinPtr& sample) {
+  if (cached_) append(sample);
+  writer_->write(sample);
+}
+
+void Layer::append(const PinPtr& sample) {
+  if (last_->empty()) {
+    appendFirst(sample);
+  } else if (hasRoom(*last_)) {
+    last_->push(sample);
+  } else {
+    openBlock(sample);
+  }
+}
+
+// The block being appended to is full. Its entry, unless it never got into the map, is the
+// neighbour of the new one, and no sample lies between.
+void Layer::openBlock(const PinPtr& sample) {
+  const bool sameTime = last_->lastTime() == sample->time;
+  const bool wasEntered = lastEntry_->second.entered;
+  lastEntry_->second.openRight = sameTime;
+  if (!wasEntered) blocks_.erase(lastEntry_);
+  last_ = storage->make_new();
+  last_->push(sample);
+  // An expired entry under this key may be the very one this would be joined to.
+  const Iter known = blocks_.find(sample->time);
+  const bool replaces = known != blocks_.end() && !live(known->second);
+  set_last(last_);
+  lastEntry_->second.joined = wasEntered && !replaces;
+  lastEntry_->second.openLeft = sameTime;
+}
+
+// The first sample of a layer: its block leaves the key it had while empty. From this sample on
+// only what is appended counts, so whatever reaches past it leaves the map.
+void Layer::appendFirst(const PinPtr& sample) {
+  blocks_.erase(lastEntry_);
+  lastEntry_ = blocks_.end();
+  last_->push(sample);
+  dropEntriesBeyond(sample->time);
+  set_last(last_);
+  lastEntry_->second.openLeft = sample->time > 0;  // the archive may hold more of this time
+}
+
+void Layer::dropEntriesBeyond(std::int64_t time) {
+  for (Iter it = blocks_.begin(); it != blocks_.end();) {
+    const BlockPtr block = live(it->second);
+    const std::int64_t reaches = block ? block->lastTime() : it->first;
+    if (block && reaches == time) it->second.openRight = true;
+    if (reaches <= time) {
+      ++it;
+    } else if (it->first == 0) {
+      it->second.block.reset();
+      ++it;
+    } else {
+      it = blocks_.erase(it);
+    }
+  }
+}
+
+// ---- taking in answers
+
+void Layer::drain() {
+  for (const Inbox::Answer& answer : inbox_->take()) take(answer);
+}
+
+void Layer::insert(const archive::SharedInterval& interval) {
+  Inbox::Answer answer;
+  answer.interval = interval;
+  if (cached_ && !last_->empty()) answer.newestThen = last_->lastTime();
+  answer.lastThen = last_;
+  take(answer);
+}
+
+std::vector<Layer::BlockInfo> Layer::describe() const {
+  std::vector<BlockInfo> all;
+  for (auto it = blocks_.begin(); it != blocks_.end(); ++it) {
+    const Entry& e = it->second;
+    const bool isLast = Blocks::const_iterator(lastEntry_) == it;
+    BlockInfo info{it->first, {}, e.joined, e.openLeft, e.openRight, e.entered, isLast};
+    if (const BlockPtr block = live(e)) info.samples.assign(block->begin(), block->end());
+    all.push_back(std::move(info));
+  }
+  return all;
+}
+
+}  // namespace orva::cache
