@@ -24,6 +24,8 @@ class Inbox {
     archive::SharedInterval interval;
     boost::optional<std::int64_t> newestThen;  // time of its newest sample; none while it had none
     boost::weak_ptr<DataBlock> lastThen;       // the block that was appended to
+    // Interval::wanted() as it was asked: the reader may be gone when the answer is taken in.
+    std::uint64_t wanted = 0;
   };
 
   // The most samples that wait in all inboxes together; tests make it small.

@@ -284,7 +284,9 @@ void Request::Item::Interval::finalize() {
   if (final_.exchange(true, std::memory_order_acq_rel)) return traceLate("finalize");
   const SharedInterval self = shared_from_this();
   if (fan_) return fan_->finish();
-  if (const SharedItem item = item_.lock()) {
+  // Held while the listeners run: to them an item that is gone means that pushes were ignored.
+  const SharedItem item = item_.lock();
+  if (item) {
     MutexLock lock(item->mutex_);
     if (resampler_ && item->takesValues()) {
       resampler_->flush();

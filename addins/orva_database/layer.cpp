@@ -211,6 +211,7 @@ void Layer::insert(const archive::SharedInterval& interval) {
   answer.interval = interval;
   if (cached_ && !last_->empty()) answer.newestThen = last_->lastTime();
   answer.lastThen = last_;
+  answer.wanted = interval->wanted();
   take(answer);
 }
 

@@ -118,11 +118,12 @@ SharedInterval Layer::ask(const SharedItem& item, std::int64_t from, std::int64_
   Inbox::Answer answer;
   if (!last_->empty()) answer.newestThen = last_->lastTime();
   answer.lastThen = last_;
+  answer.wanted = interval->wanted();
   interval->addListner(
       [answer, inbox = boost::weak_ptr<Inbox>(inbox_)](const SharedInterval& done) {
         const auto box = inbox.lock();
         const SharedItem asker = done->item();
-        if (!box || done->failed() || (asker && asker->closed())) return;
+        if (!box || done->failed() || !asker || asker->closed()) return;
         const auto& samples = done->buffer();
         const auto atEdge = [&done](const PinPtr& pin) {
           return pin->time == done->start() || pin->time == done->end();
