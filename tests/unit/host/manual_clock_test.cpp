@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "host/host_time.h"
@@ -72,6 +73,58 @@ TEST(ManualClockTest, WaitWithoutTicksOnlyLooks) {
   EXPECT_FALSE(signal.wait(signal.count(), 0));
   EXPECT_FALSE(signal.wait(signal.count(), -1));
   EXPECT_EQ(clock.now(), ManualClock::kStart);
+}
+
+// A thread that waits again and again, as the worker of a singleton does.
+class Worker {
+ public:
+  Worker() : thread_([this] { run(); }) {}
+  ~Worker() {
+    stop_ = true;
+    signal_.notify();
+    thread_.join();
+  }
+  int rounds() const { return rounds_; }
+  void waitForRounds(int more) const {
+    const int enough = rounds_ + more;
+    while (rounds_ < enough) std::this_thread::yield();
+  }
+
+ private:
+  void run() {
+    while (!stop_) {
+      signal_.wait(signal_.count(), kTicksPerMillisecond);
+      ++rounds_;
+    }
+  }
+  Signal signal_;
+  std::atomic<bool> stop_{false};
+  std::atomic<int> rounds_{0};
+  std::thread thread_;
+};
+
+TEST(ManualClockTest, ThreadThatWaitedBeforeGoesOnInRealTime) {
+  Worker worker;
+  worker.waitForRounds(1);
+  ManualClock clock;
+  worker.waitForRounds(3);
+  EXPECT_EQ(clock.waiting(), 0);
+}
+
+TEST(ManualClockTest, OldThreadsAreGovernedOnDemandAndSetFreeAtTheEnd) {
+  Worker worker;
+  worker.waitForRounds(1);
+  {
+    ManualClock clock;
+    clock.governOldThreads();
+    while (clock.waiting() == 0) std::this_thread::yield();
+    const int rounds = worker.rounds();
+    const long long begun = clock.waitsBegun();
+    clock.advance(kTicksPerMillisecond);
+    while (clock.waitsBegun() == begun) std::this_thread::yield();
+    EXPECT_EQ(worker.rounds(), rounds + 1);
+  }
+  worker.waitForRounds(3);
 }
 
 }  // namespace
