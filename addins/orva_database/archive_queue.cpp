@@ -1,0 +1,58 @@
+#include "orva_database/archive_manager_state.h"
+#include "orva_database/guarded.h"
+#include "share/ticks.h"
+
+namespace orva::archive {
+
+namespace {
+constexpr int kPassMs = 100;
+
+// The status is set before anything can go wrong, so listeners are told in any case.
+void timeOut(Request& request) {
+  guarded("Request::timeout", [&request] { request.timeout(); });
+}
+}  // namespace
+
+void DataArchiveManager::requestProc() {
+  while (!state_->stop.load()) {
+    const std::uint64_t seen = state_->stopping.count();
+    if (state_->stop.load()) break;
+    guarded("requestProc", [this] { state_->countDown(); });
+    state_->stopping.wait(seen, kPassMs * kTicksPerMillisecond);
+  }
+}
+
+// One pass: entries with 99 ms or less left are timed out, whether their request completed or not.
+// (Whoever polls such a request asks for its finalised items.)
+void DataArchiveManager::State::countDown() {
+  std::vector<SharedRequest> timedOut;  // their last references may die here, under no lock
+  {
+    MutexLock lock(queueMutex);
+    for (auto entry = pending.begin(); entry != pending.end();) {
+      auto& [leftMs, request] = *entry;
+      if (leftMs >= kPassMs && !request.expired()) {
+        leftMs -= kPassMs;
+        ++entry;
+        continue;
+      }
+      if (SharedRequest due = request.lock()) {
+        timedOut.push_back(due);
+        timeOut(*due);
+      }
+      entry = pending.erase(entry);
+    }
+  }
+  for (const SharedRequest& request : timedOut) request->runTimeoutListener();
+}
+
+// Requests that no archive will answer any more.
+void DataArchiveManager::State::releaseWaiters(const Pending& waiters) {
+  for (const auto& waiter : waiters) {
+    const SharedRequest request = waiter.second.lock();
+    if (!request || request->complete()) continue;
+    timeOut(*request);
+    request->runTimeoutListener();
+  }
+}
+
+}  // namespace orva::archive

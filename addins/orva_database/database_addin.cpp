@@ -1,0 +1,68 @@
+#include "orva_database/database_addin.h"
+
+#include "host/trace.h"
+#include "orva_database/guarded.h"
+#include "orva_database/request_processor.h"
+#include "orva_database/write_data_fb.h"
+#include "share/archive_manager.h"
+#include "share/status_codes.h"
+
+namespace orva {
+
+namespace {
+constexpr unsigned kEveryEvent = 65535;
+
+// The host's configuration events that concern this add-in; it fixes the numbers only.
+constexpr ConfigProcessorMode kStartArchives = 2;
+constexpr ConfigProcessorMode kReload = 8;
+constexpr ConfigProcessorMode kClear = 9;
+}  // namespace
+
+int archive::Init(HostCallback) { return 0; }
+
+DataBaseAddin& DataBaseAddin::GetInstance() {
+  static DataBaseAddin addin;
+  return addin;
+}
+
+DataBaseAddin::DataBaseAddin() : dataManager_(&archive::DataArchiveManager::instance()) {
+  RegisterSTLibsWriteDataFB();
+}
+
+DataBaseAddin::~DataBaseAddin() = default;
+
+int DataBaseAddin::Init(HostCallback) {
+  int result = static_cast<int>(status::kBadOutOfMemory);  // when something throws
+  guarded("DataBaseAddin::Init", [&] {
+    AttachConfigProcessor("orva_database", kEveryEvent);
+    if (processor_ == nullptr) processor_ = new RequestProcessor;
+    result = processor_->Init();
+  });
+  if (result < 0) {
+    OpcUa_Trace_Imp(kTraceError, "<--ReturnError: request_processor->Init() returns 0x%08X\n",
+                    __FILE__, __LINE__, static_cast<unsigned>(result));
+    return result;
+  }
+  return 0;
+}
+
+int DataBaseAddin::OnConfigEvent(ConfigProcessorMode mode, ControllerConfig*) {
+  guarded("DataBaseAddin::OnConfigEvent", [this, mode] { handle(mode); });
+  return 0;
+}
+
+void DataBaseAddin::handle(ConfigProcessorMode mode) {
+  switch (mode) {
+    case kStartArchives:
+    case kReload:
+      dataManager_->init();
+      break;
+    case kClear:
+      dataManager_->clear();
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace orva
