@@ -341,17 +341,17 @@ void Layer::Merge::place(const Run& run) {
   bool proven = run.joinsLeft;  // nothing lies between `before` and what comes next
   std::size_t at = run.begin + fill(run);
   // The newest time before the next piece; none behind samples that were left out.
-  boost::optional<std::int64_t> newest;
-  if (before) newest = live[run.left].block->lastTime();
+  bool hasNewest = before != nullptr;
+  std::int64_t newest = before ? live[run.left].block->lastTime() : 0;
   while (at < run.end) {
     const std::int64_t key = samples[at]->time;
     const Iter known = layer.blocks_.find(key);
     if (known != layer.blocks_.end() && (Layer::live(known->second) || known == layer.lastEntry_)) {
-      if (proven && before) before->openRight = newest == key;
+      if (proven && before) before->openRight = hasNewest && newest == key;
       while (at < run.end && samples[at]->time == key) ++at;
       before = nullptr;
       proven = false;
-      newest.reset();
+      hasNewest = false;
       continue;
     }
     const std::size_t count = std::min<std::size_t>(limits.blockSamples, run.end - at);
@@ -365,9 +365,10 @@ void Layer::Merge::place(const Run& run) {
     Entry entry;
     entry.block = block;
     entry.joined = proven && before;
-    entry.openLeft = newest == key;
-    if (before && (proven || newest == key)) before->openRight = entry.openLeft;
-    const std::int64_t lastTime = block->lastTime();
+    entry.openLeft = hasNewest && newest == key;
+    if (before && (proven || entry.openLeft)) before->openRight = entry.openLeft;
+    hasNewest = true;
+    newest = block->lastTime();
     Iter placed;
     if (known != layer.blocks_.end()) {
       known->second = std::move(entry);
@@ -377,7 +378,6 @@ void Layer::Merge::place(const Run& run) {
     }
     before = &placed->second;
     proven = true;
-    newest = lastTime;
   }
   if (right >= live.size()) return;
   Entry& after = live[right].entry->second;
