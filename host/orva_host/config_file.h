@@ -33,7 +33,8 @@ struct ProgramCfg {
 struct SourceCfg {
   std::string type;     // "system" or "csv"
   int periodMs = 1000;  // "system": how often the signals are read
-  // Signal name ("system") or column name ("csv") -> variable id.
+  // Signal name ("system") or column name ("csv") -> variable id. A column that is not named here
+  // belongs to the variable whose path is the column's name, if there is one.
   std::map<std::string, std::int64_t> values;
   std::string file;    // "csv": absolute
   double speed = 1.0;  // "csv": file time per real time; 0: as fast as it goes
