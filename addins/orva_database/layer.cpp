@@ -99,8 +99,7 @@ Layer::Iter Layer::before(std::int64_t time) {
 void Layer::clearInterval(Iter& position) {
   const Iter removed = position;
   position = next(position);
-  // A `last` behind a live block of its own key keeps its mark: it speaks of that block.
-  if (position != blocks_.end() && position->second.entered) position->second.joined = false;
+  if (position != blocks_.end()) position->second.joined = false;
   if (removed == lastEntry_) return;
   if (removed->first == 0) {
     removed->second.block.reset();
