@@ -33,6 +33,7 @@ struct Request::Item::Interval::Fan {
       if (++finished != answers.size()) return;
       all = merged();
     }
+    trim(all);
     parent->push(all.data(), all.size());
     parent->finalize();
   }
@@ -70,6 +71,18 @@ struct Request::Item::Interval::Fan {
     pins.reserve(kept.size());
     for (Taken& taken : kept) pins.push_back(std::move(taken.pin));
     return pins;
+  }
+
+  // Each archive gives a bound of its own and stops at the wanted number by itself. Of the bounds
+  // the ones next to the stretch count, and past the wanted number there may be holes.
+  void trim(std::vector<PinPtr>& all) const {
+    const auto inside = std::find_if(all.begin(), all.end(), [this](const PinPtr& pin) {
+      return pin->time >= parent->start_;
+    });
+    const bool left = parent->bounds_.left && inside != all.begin();
+    all.erase(all.begin(), left ? std::prev(inside) : inside);
+    const std::uint64_t wanted = parent->kind_ == Kind::range ? parent->wanted() : 0;
+    if (wanted != 0 && all.size() > wanted) all.resize(static_cast<std::size_t>(wanted));
   }
 };
 
@@ -125,8 +138,11 @@ bool Request::Item::Interval::full() const {
   if (!item) return true;
   MutexLock lock(item->mutex_);
   if (!item->takesValues()) return true;
-  return resamples(*item) && item->numValuesPerNode != 0 &&
-         resampledCount_ > item->numValuesPerNode;
+  return enough(*item);
+}
+
+bool Request::Item::Interval::enough(const Item& item) const {
+  return resamples(item) && item.numValuesPerNode != 0 && resampledCount_ > item.numValuesPerNode;
 }
 
 void Request::Item::Interval::push(const PinPtr& pin) { push(&pin, 1); }
@@ -147,14 +163,21 @@ void Request::Item::Interval::gather(const Item& item, const PinPtr* first, std:
   if (item.closed() || item.isFinal()) return;
   MutexLock lock(fan_->mutex);
   std::vector<PinPtr>& answer = fan_->answers[fanIndex_];
-  std::copy_if(first, first + count, std::back_inserter(answer),
-               [](const PinPtr& pin) { return static_cast<bool>(pin); });
+  for (const PinPtr* pin = first; pin != first + count; ++pin) {
+    if (!*pin) continue;
+    if (kind_ == Kind::range) {
+      answer.push_back(*pin);
+    } else if (!outside((*pin)->time) && (answer.empty() || betterThan(*answer.front(), **pin))) {
+      answer.assign(1, *pin);
+    }
+  }
 }
 
 void Request::Item::Interval::take(Item& item, const PinPtr& pin) {
   ++pushed_;
   if (kind_ != Kind::range) return takeOne(item, pin);
-  if (resamples(item)) {
+  // A bound is given as it is, and must not count in a period of the stretch.
+  if (resamples(item) && !outside(pin->time)) {
     if (!resampler_) {
       resampler_ = std::make_unique<Sampling>(item.resampleInterval, resampled_, resampled_.end());
     }
@@ -171,6 +194,11 @@ bool Request::Item::Interval::outside(std::int64_t time) const {
   return time < start_ || (end_ != 0 && time > end_);
 }
 
+// Of a one-value kind: whether `pin` takes the place of the value it has.
+bool Request::Item::Interval::betterThan(const Pin& held, const Pin& pin) const {
+  return kind_ == Kind::oldest ? pin.time < held.time : pin.time >= held.time;
+}
+
 void Request::Item::Interval::takeOne(Item& item, const PinPtr& pin) {
   if (outside(pin->time)) return;
   if (!one_) {
@@ -179,9 +207,7 @@ void Request::Item::Interval::takeOne(Item& item, const PinPtr& pin) {
     buffer_.assign(1, pin);
     return;
   }
-  const bool better =
-      kind_ == Kind::oldest ? pin->time < (*one_)->time : pin->time >= (*one_)->time;
-  if (!better) return;
+  if (!betterThan(**one_, *pin)) return;
   *one_ = pin;
   buffer_.assign(1, pin);
 }
@@ -288,6 +314,7 @@ void Request::Item::Interval::finalize() {
   const SharedItem item = item_.lock();
   if (item) {
     MutexLock lock(item->mutex_);
+    hadEnough_ = enough(*item);
     if (resampler_ && item->takesValues()) {
       resampler_->flush();
       drainResampler(*item);

@@ -113,7 +113,8 @@ void Layer::take(const Inbox::Answer& answer) {
     std::stable_sort(samples.begin(), samples.end(), older);
   }
   // An answer of as many values as were wanted may have been cut within its last time.
-  if (answer.wanted != 0 && interval.pushed() >= answer.wanted && !samples.empty()) {
+  const bool complete = answer.wanted == 0 || interval.pushed() < answer.wanted;
+  if ((!complete || interval.hadEnough()) && !samples.empty()) {
     const std::int64_t cutTime = samples.back()->time;
     while (!samples.empty() && samples.back()->time == cutTime) samples.pop_back();
   }

@@ -276,6 +276,9 @@ class ORVA_API Request::Item::Interval
   bool isFinal() const { return final_.load(std::memory_order_acquire); }
   bool failed() const { return failed_.load(std::memory_order_acquire); }
   std::uint64_t pushed() const { return pushed_; }  // once final
+  // Whether its reader had enough before the end, so that a provider may have stopped anywhere,
+  // also between samples of one time. Once final.
+  bool hadEnough() const { return hadEnough_; }
   // Everything pushed, in order (a one-value kind: the one kept). Once final.
   const std::vector<PinPtr>& buffer() const { return buffer_; }
   boost::shared_ptr<Item> item() const { return item_.lock(); }
@@ -295,6 +298,8 @@ class ORVA_API Request::Item::Interval
   // Whether pushed values pass through a resampler.
   bool resamples(const Item& item) const;
   bool outside(std::int64_t time) const;
+  bool enough(const Item& item) const;
+  bool betterThan(const Pin& held, const Pin& pin) const;
   void gather(const Item& item, const PinPtr* first, std::size_t count);
   void runListeners(const boost::shared_ptr<Interval>& self) EXCLUDES(listenerMutex_);
   void traceLate(const char* operation);
@@ -338,6 +343,7 @@ class ORVA_API Request::Item::Interval
   PinList resampled_;                      // the resampler's output queue
   std::unique_ptr<Sampling> resampler_;
   std::uint32_t resampledCount_ = 0;
+  bool hadEnough_ = false;
 
   mutable Mutex listenerMutex_;  // leaf
   std::vector<Listener> listeners_ GUARDED_BY(listenerMutex_);
