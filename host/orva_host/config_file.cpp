@@ -201,7 +201,8 @@ void Reader::readSpeed(ConfigFields& source, double& out) {
 }
 
 void Reader::readSourceValues(ConfigFields& source, SourceCfg& out) {
-  const json::Value* values = source.object("values");
+  const auto need = out.type == "system" ? ConfigFields::kRequired : ConfigFields::kOptional;
+  const json::Value* values = source.object("values", need);
   if (values == nullptr) return;
   ConfigFields fields(*values, source.placeOf("values"), errors_);
   for (const auto& member : values->GetObject()) {

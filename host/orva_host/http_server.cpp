@@ -1,5 +1,6 @@
 #include "orva_host/http_server.h"
 
+#include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
@@ -82,8 +83,8 @@ HttpReply served(const HttpRoute& route, const HttpRequest& request) {
 
 }  // namespace
 
-// Everything of a running server. Only `stopped`, `router` and the pools are used by other threads
-// than the one that runs `io`, so nothing needs a lock.
+// Everything of a running server. Only `router`, `handlersAtWork` and the pools are used by other
+// threads than the one that runs `io`, so nothing needs a lock.
 struct HttpServer::State {
   HttpCfg cfg;
   HttpRouter router;
@@ -95,6 +96,7 @@ struct HttpServer::State {
   bool stopping = false;
   std::promise<void> allGone;  // set once, when stopping and no session is left
   bool saidAllGone = false;
+  std::atomic<int> handlersAtWork{0};  // queued or running
   std::optional<net::thread_pool> blocking;
   std::optional<net::thread_pool> quick;
   std::thread thread;
@@ -225,8 +227,10 @@ class HttpServer::Session : public std::enable_shared_from_this<HttpServer::Sess
     const bool keep = parser_->keep_alive();
     const HttpRoute* route = server_.router.find(request_);
     auto& pool = route->mayBlock ? server_.blocking : server_.quick;
+    ++server_.handlersAtWork;
     net::post(*pool, [self = shared_from_this(), route, keep] {
       auto made = std::make_shared<HttpReply>(served(*route, self->request_));
+      --self->server_.handlersAtWork;
       net::post(self->server_.io, [self, made, keep] {
         if (!self->closed_) self->reply(std::move(*made), keep);
       });
@@ -396,6 +400,16 @@ void HttpServer::stop(int graceMs) {
     state->io.stop();
   });
   state_->thread.join();
+}
+
+bool HttpServer::joinWithin(int limitMs) {
+  const auto end = std::chrono::steady_clock::now() + milliseconds(limitMs);
+  while (state_->handlersAtWork != 0) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  join();
+  return true;
 }
 
 void HttpServer::join() {

@@ -36,6 +36,8 @@ class HttpServer {
   void stop(int graceMs);
   // Waits for the handlers that still run. After stop().
   void join();
+  // The same for a limited time; false when some run on.
+  bool joinWithin(int limitMs);
 
  private:
   struct State;

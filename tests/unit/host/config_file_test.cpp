@@ -212,7 +212,7 @@ INSTANTIATE_TEST_SUITE_P(
                           "sources[0].type: must be \"system\" or \"csv\""},
                     Fault{R"({"sources":[{"type":"system","values":{"cpu.load":1}}]})",
                           "sources[0].values.cpu.load: there is no variable with the id 1"},
-                    Fault{R"({"sources":[{"type":"system","speed":1}]})",
+                    Fault{R"({"sources":[{"type":"system","values":{},"speed":1}]})",
                           "sources[0].speed: is not a known field"},
                     Fault{R"({"sources":[{"type":"csv"}]})", "sources[0].file: is missing"},
                     Fault{R"({"sources":[{"type":"csv","file":"a","speed":-1}]})",

@@ -367,8 +367,9 @@ TEST_F(HttpServerTest, StopClosesOpenConnectionsAtOnce) {
   EXPECT_TRUE(half.closedByPeer());
   EXPECT_EQ(blocked.receive().status, 0);
   EXPECT_FALSE(HttpConnection(port).connected());
+  EXPECT_FALSE(server_.joinWithin(10));
   gate_.open();
-  server_.join();
+  EXPECT_TRUE(server_.joinWithin(60'000));
 }
 
 TEST_F(HttpServerTest, StopLetsRequestsInServiceEnd) {

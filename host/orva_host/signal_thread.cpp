@@ -1,0 +1,63 @@
+#include "orva_host/signal_thread.h"
+
+#include <pthread.h>
+
+#include <csignal>
+
+namespace orva::host {
+namespace {
+
+// Wakes the thread when it is to end.
+constexpr int kEnd = SIGUSR2;
+
+sigset_t handledSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGHUP, SIGUSR1, SIGTERM, SIGINT, kEnd}) sigaddset(&signals, signal);
+  return signals;
+}
+
+}  // namespace
+
+SignalThread::SignalThread() {
+  std::signal(SIGPIPE, SIG_IGN);
+  const sigset_t signals = handledSignals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  thread_ = std::thread([this] { run(); });
+}
+
+SignalThread::~SignalThread() {
+  ending_ = true;
+  pthread_kill(thread_.native_handle(), kEnd);
+  thread_.join();
+}
+
+void SignalThread::run() {
+  const sigset_t signals = handledSignals();
+  while (true) {
+    int signal = 0;
+    if (sigwait(&signals, &signal) != 0) continue;
+    if (ending_) return;
+    if (signal == kEnd) continue;  // from outside: means nothing here
+    MutexLock lock(mutex_);
+    signals_.push_back(signal);
+    arrived_.notify_one();
+  }
+}
+
+// The condition variable needs the mutex itself, which clang cannot follow.
+int SignalThread::next(std::optional<std::chrono::steady_clock::time_point> end)
+    NO_THREAD_SAFETY_ANALYSIS {
+  std::unique_lock<std::mutex> lock(mutex_.native());
+  const auto hasSignal = [this]() NO_THREAD_SAFETY_ANALYSIS { return !signals_.empty(); };
+  if (!end) {
+    arrived_.wait(lock, hasSignal);
+  } else if (!arrived_.wait_until(lock, *end, hasSignal)) {
+    return 0;
+  }
+  const int signal = signals_.front();
+  signals_.pop_front();
+  return signal;
+}
+
+}  // namespace orva::host
