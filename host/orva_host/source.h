@@ -25,4 +25,11 @@ std::unique_ptr<Source> makeSource(const SourceCfg& cfg, std::string& error);
 std::unique_ptr<Source> makeSystemSource(const SourceCfg& cfg, std::string& error,
                                          const std::string& root = "");
 
+// Replays a recorded plant (orva_host/plant_row.h says in which form) into the archives: each row
+// is one execution of a function block "ArchiveProc", with the time and quality of the row. The
+// rows come as they arrived, `speed` times as fast, or as fast as it goes when that is 0; then a
+// provider may have to drop what its write buffer does not hold. Bad rows are counted and logged,
+// at most one line a second.
+std::unique_ptr<Source> makeCsvSource(const SourceCfg& cfg, std::string& error);
+
 }  // namespace orva::host

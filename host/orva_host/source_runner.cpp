@@ -73,6 +73,7 @@ void SourceRunner::stop() {
 
 std::unique_ptr<Source> makeSource(const SourceCfg& cfg, std::string& error) {
   if (cfg.type == "system") return makeSystemSource(cfg, error);
+  if (cfg.type == "csv") return makeCsvSource(cfg, error);
   error = "no such type of source";
   return nullptr;
 }
