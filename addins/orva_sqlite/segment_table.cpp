@@ -1,0 +1,120 @@
+#include "orva_sqlite/segment_table.h"
+
+namespace orva::sqlite {
+namespace {
+
+void readRow(const Query& query, Segment& out) {
+  out.id = query.number(0);
+  out.first = query.number(1);
+  out.seq = query.number(2);
+  out.last = query.number(3);
+  out.count = query.number(4);
+}
+
+Decoded decodeRow(const Query& query, const Segment& segment, SegmentDecoder& decoder,
+                  Columns& out) {
+  const Decoded result = decoder.decode(query.blob(5), query.size(5), out);
+  if (result != Decoded::kGood) return result;
+  if (out.times.front() == segment.first && out.times.back() == segment.last &&
+      static_cast<std::int64_t>(out.size()) == segment.count) {
+    return Decoded::kGood;
+  }
+  out.clear();
+  return Decoded::kDamaged;
+}
+
+}  // namespace
+
+SegmentTable::SegmentTable(Database& db)
+    : forward_(db,
+               "SELECT id, first, seq, last, count, data FROM segment "
+               "WHERE handle = ?1 AND layer = ?2 AND first >= ?3 "
+               "ORDER BY first, seq"),
+      backward_(db,
+                "SELECT id, first, seq, last, count, data FROM segment "
+                "WHERE handle = ?1 AND layer = ?2 AND first <= ?3 "
+                "ORDER BY first DESC, seq DESC"),
+      after_(db,
+             "SELECT id, first, seq, last, count FROM segment "
+             "WHERE handle = ?1 AND layer = ?2 AND (first, seq) > (?3, ?4) "
+             "ORDER BY first, seq LIMIT 1"),
+      exists_(db, "SELECT 1 FROM segment WHERE id = ?1"),
+      byId_(db, "SELECT id, first, seq, last, count, data FROM segment WHERE id = ?1"),
+      nextStream_(db,
+                  "SELECT handle, layer FROM segment WHERE (handle, layer) > (?1, ?2) "
+                  "ORDER BY handle, layer LIMIT 1") {}
+
+bool SegmentTable::prepare() {
+  return forward_.prepare() && backward_.prepare() && after_.prepare() && exists_.prepare() &&
+         byId_.prepare() && nextStream_.prepare();
+}
+
+void SegmentTable::finalize() {
+  forward_.finalize();
+  backward_.finalize();
+  after_.finalize();
+  exists_.finalize();
+  byId_.finalize();
+  nextStream_.finalize();
+}
+
+bool SegmentTable::Cursor::next() {
+  if (!query_.row()) return false;
+  readRow(query_, segment_);
+  segment_.size = static_cast<std::int64_t>(query_.size(5));
+  return true;
+}
+
+Decoded SegmentTable::Cursor::decode(SegmentDecoder& decoder, Columns& out) const {
+  return decodeRow(query_, segment_, decoder, out);
+}
+
+SegmentTable::Cursor::Cursor(Statement& statement, const StreamKey& key, std::int64_t from)
+    : query_(statement) {
+  query_.bind(key.handle).bind(key.layer).bind(from);
+}
+
+SegmentTable::Cursor SegmentTable::forward(const StreamKey& key, std::int64_t from) {
+  return Cursor(forward_, key, from);
+}
+
+SegmentTable::Cursor SegmentTable::backward(const StreamKey& key, std::int64_t from) {
+  return Cursor(backward_, key, from);
+}
+
+std::optional<Segment> SegmentTable::after(const StreamKey& key, const Segment& segment) {
+  Query query(after_);
+  query.bind(key.handle).bind(key.layer).bind(segment.first).bind(segment.seq);
+  if (!query.row()) return {};
+  Segment found;
+  readRow(query, found);
+  return found;
+}
+
+std::int64_t SegmentTable::beginFor(const StreamKey& key, std::int64_t start) {
+  if (start == kEarliest) return start;
+  Cursor before = backward(key, start - 1);
+  return before.next() && before.segment().last >= start ? before.segment().first : start;
+}
+
+bool SegmentTable::exists(std::int64_t id) {
+  Query query(exists_);
+  return query.bind(id).row();
+}
+
+Decoded SegmentTable::load(std::int64_t id, SegmentDecoder& decoder, Columns& out) {
+  out.clear();
+  Query query(byId_);
+  if (!query.bind(id).row()) return Decoded::kDamaged;
+  Segment segment;
+  readRow(query, segment);
+  return decodeRow(query, segment, decoder, out);
+}
+
+std::optional<StreamKey> SegmentTable::nextStream(const StreamKey& key) {
+  Query query(nextStream_);
+  if (!query.bind(key.handle).bind(key.layer).row()) return {};
+  return StreamKey{query.number(0), static_cast<std::int32_t>(query.number(1))};
+}
+
+}  // namespace orva::sqlite

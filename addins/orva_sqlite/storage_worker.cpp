@@ -1,0 +1,379 @@
+#include "orva_sqlite/storage_worker.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "host/host_time.h"
+#include "host/trace.h"
+#include "share/ticks.h"
+
+namespace orva::sqlite {
+namespace {
+
+// One transaction of joining rewrites about so many samples, so that new ones need not wait long.
+constexpr std::size_t kMergeSamples = 50000;
+// How often a problem that lasts is said again.
+constexpr long long kRepeatTicks = 60 * kTicksPerSecond;
+
+std::int64_t bytesOfMegabytes(std::uint32_t megabytes) {
+  return std::int64_t{megabytes} * 1'000'000;
+}
+
+StoreParameters parametersOf(const archive::ConnectionCfg& connection) {
+  std::vector<std::string> problems;
+  StoreParameters parameters = parseStoreParameters(connection.parameters, problems);
+  for (const std::string& problem : problems) {
+    OpcUa_Trace_Imp(kTraceError, "sqlite: parameters of \"%s\": %s\n", __FILE__, __LINE__,
+                    connection.location.c_str(), problem.c_str());
+  }
+  return parameters;
+}
+
+}  // namespace
+
+StorageWorker::StorageWorker(const archive::ArchiveCfg& limits,
+                             const archive::ConnectionCfg& connection, Catalog& catalog,
+                             WriteBuffer& buffer, ReaderPool& readers, DamageRegister& damage,
+                             Counters& counters)
+    : limits_(limits),
+      retryTicks_(std::max<std::int64_t>(connection.reconnectTimeout, kTicksPerMillisecond)),
+      location_(connection.location),
+      parameters_(parametersOf(connection)),
+      catalog_(catalog),
+      buffer_(buffer),
+      readers_(readers),
+      damage_(damage),
+      counters_(counters),
+      store_(parameters_, bytesOfMegabytes(limits.maxSize), counters),
+      writer_(store_, damage, counters),
+      cleaner_(limits, store_, writer_, catalog, buffer, damage, counters) {}
+
+StorageWorker::~StorageWorker() { readers_.close(); }
+
+// ---- opening
+
+void StorageWorker::report(const std::string& problem) {
+  const std::int64_t now = getInt64FileTime();
+  const bool again =
+      problem == lastProblem_ && now >= lastProblemAt_ && now - lastProblemAt_ < kRepeatTicks;
+  if (again) return;
+  lastProblem_ = problem;
+  lastProblemAt_ = now;
+  OpcUa_Trace_Imp(kTraceError, "sqlite: archive \"%s\": %s\n", __FILE__, __LINE__,
+                  location_.file().c_str(), problem.c_str());
+}
+
+// A transaction or a look-up failed: what it was part of is tried again later.
+void StorageWorker::failed(const char* doing) {
+  ++counters_.failures;
+  report(std::string(doing) + " failed: " + store_.db().failure());
+  doubtful_ = doubtful_ || store_.db().isUnreadable();
+  store_.rollback();
+  // Otherwise a connection that begins anew knows the state of the file.
+  if (!store_.db().isHarmless()) store_.close();
+  store_.db().clearFailure();
+  failedAt_ = getInt64FileTime();
+}
+
+void StorageWorker::succeeded() {
+  failedAt_ = 0;
+  if (lastProblem_.empty()) return;
+  OpcUa_Trace_Imp(kTraceWarning, "sqlite: archive \"%s\": works again\n", __FILE__, __LINE__,
+                  location_.file().c_str());
+  lastProblem_.clear();
+}
+
+bool StorageWorker::open() {
+  std::string problem;
+  const Location::Claim claim = location_.claim(problem);
+  refused_ = claim == Location::Claim::kTaken;
+  if (refused_) {
+    report("refused, since another archive is open at this place (" + problem +
+           "); nothing is accepted");
+  } else if (claim == Location::Claim::kUnreachable) {
+    report(problem);
+  } else if (openFile()) {
+    failedAt_ = 0;
+    return true;
+  }
+  failedAt_ = getInt64FileTime();
+  return false;
+}
+
+// Opens the file and learns what is in it. What cannot be read is moved aside, so that there is an
+// archive whatever stood there.
+bool StorageWorker::openFile() {
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    const Store::Opened opened = store_.open(location_.file(), doubtful_);
+    if (opened == Store::Opened::kReady && load()) {
+      doubtful_ = false;
+      if (store_.segments().exists(marker_)) {
+        // The transaction that was thought to have failed is in the file after all.
+        counters_.written += buffer_.committed(true);
+      }
+      readers_.open(location_.file(), parameters_.cacheKiB);
+      ready_ = true;
+      return true;
+    }
+    const bool unreadable = opened == Store::Opened::kUnreadable ||
+                            (opened == Store::Opened::kReady && store_.db().isUnreadable());
+    const std::string problem = store_.db().failure();
+    store_.close();
+    store_.db().clearFailure();
+    if (!unreadable) {
+      report("cannot be opened: " + problem);
+      return false;
+    }
+    if (!moveAside()) return false;
+  }
+  return false;
+}
+
+bool StorageWorker::moveAside() {
+  std::string problem;
+  readers_.close();
+  const std::string name = location_.moveAside(problem);
+  if (name.empty()) {
+    report("cannot be read, nor moved aside: " + problem);
+    return false;
+  }
+  OpcUa_Trace_Imp(kTraceError,
+                  "sqlite: archive \"%s\" cannot be read: it was moved to \"%s\", and a new one is "
+                  "begun\n",
+                  __FILE__, __LINE__, location_.file().c_str(), name.c_str());
+  forgetFile();
+  doubtful_ = false;
+  return true;
+}
+
+void StorageWorker::forgetFile() {
+  marker_ = 0;
+  damage_.clear();
+  mergeQueue_.clear();
+  for (Item* const item : catalog_.items()) {
+    item->row = 0;
+    item->rowStored = false;
+  }
+  for (Stream* const stream : catalog_.streams()) {
+    stream->stored = Span();
+    buffer_.setStored(*stream, Span());
+  }
+}
+
+bool StorageWorker::load() {
+  byRow_.clear();
+  const bool first = !ready_;
+  store_.forEachItem([this](std::int64_t row, const archive::ItemKey& key) {
+    Item& item = catalog_.add(key);
+    item.row = row;
+    item.rowStored = true;
+    byRow_[row] = &item;
+  });
+  StreamKey key{std::numeric_limits<std::int64_t>::min(), 0};
+  while (const auto next = store_.segments().nextStream(key)) {
+    key = *next;
+    const auto item = byRow_.find(key.handle);
+    if (item == byRow_.end()) {
+      report("has segments of an item " + std::to_string(key.handle) + " that it does not name");
+    } else if (!loadStream(key, *item->second)) {
+      break;
+    }
+  }
+  if (first && !store_.db().failed()) {
+    store_.forEachDamaged([this](const StreamKey& at, const Segment& segment) {
+      const auto item = byRow_.find(at.handle);
+      if (item == byRow_.end()) return;
+      damage_.remember(catalog_.addStream(*item->second, at.layer), segment);
+    });
+  }
+  byRow_.clear();
+  return !store_.db().failed();
+}
+
+bool StorageWorker::loadStream(const StreamKey& key, Item& item) {
+  Stream& stream = catalog_.addStream(item, key.layer);
+  stream.stored = writer_.spanOf(key);
+  // The last start may have left small segments.
+  stream.freshRows = 8;
+  stream.freshTo = stream.stored.last;
+  buffer_.setStored(stream, stream.stored);
+  return !store_.db().failed();
+}
+
+// ---- writing
+
+bool StorageWorker::writeBatch() {
+  if (!buffer_.hasBatch()) buffer_.takeBatch();
+  if (!buffer_.hasBatch()) return true;
+  marker_ = store_.nextSegmentId();
+  if (store_.begin(true)) appendBatch();
+  bool done = false;
+  if (!store_.db().failed()) {
+    buffer_.committing(marker_);
+    done = store_.commit();
+  }
+  if (!done) {
+    buffer_.committed(false);
+    failed("writing samples");
+    return false;
+  }
+  for (BufferedStream* const buffered : buffer_.batchStreams()) {
+    Stream& stream = *static_cast<Stream*>(buffered);
+    for (const PinPtr& pin : buffer_.batchOf(stream)) stream.stored.extend(pin->time, pin->time);
+    queueForMerge(stream);
+  }
+  for (Item* const item : newItems_) item->rowStored = true;
+  counters_.written += buffer_.committed(true);
+  ++counters_.commits;
+  succeeded();
+  return true;
+}
+
+void StorageWorker::appendBatch() {
+  newItems_.clear();
+  for (BufferedStream* const buffered : buffer_.batchStreams()) {
+    Stream& stream = *static_cast<Stream*>(buffered);
+    if (!stream.item.rowStored &&
+        std::find(newItems_.begin(), newItems_.end(), &stream.item) == newItems_.end()) {
+      if (stream.item.row == 0) stream.item.row = store_.nextItemHandle();
+      store_.insertItem(stream.item.row, stream.item.key);
+      newItems_.push_back(&stream.item);
+    }
+    columns_.clear();
+    for (const PinPtr& pin : buffer_.batchOf(stream)) columns_.add(*pin);
+    writer_.append(stream, columns_);
+    if (store_.db().failed()) return;
+  }
+}
+
+bool StorageWorker::setDamagedApart() {
+  const auto found = damage_.takeReported();
+  if (found.empty()) return true;
+  if (store_.begin(true)) {
+    for (const DamageRegister::Found& one : found) store_.setApart(one.segment, one.reason);
+  }
+  if (!store_.db().failed() && store_.commit()) {
+    for (const DamageRegister::Found& one : found) {
+      auto* const stream = const_cast<Stream*>(one.stream);
+      stream->stored = writer_.spanOf(fileKey(*stream));
+      buffer_.setStored(*stream, stream->stored);
+    }
+  }
+  if (!store_.db().failed()) return true;
+  failed("setting damaged segments apart");
+  return false;
+}
+
+void StorageWorker::queueForMerge(Stream& stream) {
+  if (!SegmentWriter::mayMerge(stream)) return;
+  if (std::find(mergeQueue_.begin(), mergeQueue_.end(), &stream) == mergeQueue_.end()) {
+    mergeQueue_.push_back(&stream);
+  }
+}
+
+bool StorageWorker::mergeSome() {
+  if (store_.begin(false)) {
+    std::size_t rewritten = 0;
+    while (!mergeQueue_.empty() && rewritten < kMergeSamples && !store_.db().failed()) {
+      Stream* const stream = mergeQueue_.back();
+      mergeQueue_.pop_back();
+      rewritten += writer_.mergeSmall(*stream, mergeEverything_);
+    }
+  }
+  if (!store_.db().failed() && store_.commit()) {
+    succeeded();
+    return true;
+  }
+  mergeQueue_.clear();
+  failed("joining segments");
+  return false;
+}
+
+// ---- the loop's body
+
+bool StorageWorker::tryAgainAt(std::int64_t now) const {
+  return failedAt_ == 0 || now - failedAt_ >= retryTicks_ || now < failedAt_;
+}
+
+std::int64_t StorageWorker::pass() {
+  const std::int64_t now = getInt64FileTime();
+  if (!tryAgainAt(now)) return ticksToNext(now);
+  if (!store_.isOpen() && !open()) return ticksToNext(now);
+  if (cleanedAt_ == 0 || now < cleanedAt_) cleanedAt_ = now;
+  if (damage_.hasReported() && !setDamagedApart()) return ticksToNext(now);
+  if (buffer_.batchIsDue(now, limits_.writePeriod)) {
+    if (writeBatch()) return 0;
+  } else if (!mergeQueue_.empty()) {
+    if (mergeSome()) return 0;
+  } else if (cleaner_.isRunning()) {
+    if (cleaner_.step()) {
+      succeeded();
+      return 0;
+    }
+    failed("cleaning up");
+  } else if (limits_.cleanupPeriod > 0 && now - cleanedAt_ >= limits_.cleanupPeriod) {
+    cleanedAt_ = now;
+    cleaner_.start(now);
+    return 0;
+  }
+  return ticksToNext(now);
+}
+
+std::int64_t StorageWorker::ticksToNext(std::int64_t now) const {
+  if (failedAt_ != 0) return std::max<std::int64_t>(1, failedAt_ + retryTicks_ - now);
+  std::int64_t ticks = kTicksPerHour;
+  if (buffer_.waiting() > 0) {
+    ticks = std::min(ticks, buffer_.waitingSince() + limits_.writePeriod - now);
+  }
+  if (limits_.cleanupPeriod > 0) {
+    ticks = std::min(ticks, cleanedAt_ + limits_.cleanupPeriod - now);
+  }
+  return std::max<std::int64_t>(1, ticks);
+}
+
+// ---- on demand
+
+bool StorageWorker::writeAll() {
+  if (!store_.isOpen() && !open()) return false;
+  if (!setDamagedApart()) return false;
+  while (buffer_.hasBatch() || buffer_.waiting() > 0) {
+    if (!writeBatch()) return false;
+  }
+  return true;
+}
+
+bool StorageWorker::mergeAll() {
+  if (!store_.isOpen() && !open()) return false;
+  mergeQueue_ = catalog_.streams();
+  for (Stream* const stream : mergeQueue_) stream->freshTo = stream->stored.last;
+  mergeEverything_ = true;
+  bool done = true;
+  while (done && !mergeQueue_.empty()) done = mergeSome();
+  mergeEverything_ = false;
+  return done;
+}
+
+bool StorageWorker::cleanUp() {
+  if (!store_.isOpen() && !open()) return false;
+  cleaner_.start(getInt64FileTime());
+  while (cleaner_.isRunning()) {
+    if (cleaner_.step()) continue;
+    failed("cleaning up");
+    return false;
+  }
+  return true;
+}
+
+void StorageWorker::finish() {
+  if (!refused_) writeAll();
+  if (const std::size_t lost = buffer_.discard()) {
+    counters_.dropped += lost;
+    report("stopped with " + std::to_string(lost) + " samples that could not be written");
+  }
+  readers_.close();
+  ready_ = false;
+  store_.close();
+  location_.unlock();
+}
+
+}  // namespace orva::sqlite

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "orva_sqlite/catalog.h"
+#include "orva_sqlite/cleaner.h"
+#include "orva_sqlite/counters.h"
+#include "orva_sqlite/damage_register.h"
+#include "orva_sqlite/location.h"
+#include "orva_sqlite/reader_pool.h"
+#include "orva_sqlite/segment_writer.h"
+#include "orva_sqlite/store.h"
+#include "orva_sqlite/write_buffer.h"
+#include "share/archive_configs.h"
+#include "share/signal.h"
+
+namespace orva::sqlite {
+
+// Everything that changes an archive's file: opens it, writes the batches of the buffer, sets
+// damaged segments apart, joins small segments, enforces age and size. All of it happens in pass(),
+// on one thread at a time; what failed is tried again after the connection's reconnect time-out.
+class StorageWorker {
+ public:
+  StorageWorker(const archive::ArchiveCfg& limits, const archive::ConnectionCfg& connection,
+                Catalog& catalog, WriteBuffer& buffer, ReaderPool& readers, DamageRegister& damage,
+                Counters& counters);
+  ~StorageWorker();
+  StorageWorker(const StorageWorker&) = delete;
+  StorageWorker& operator=(const StorageWorker&) = delete;
+
+  // Does what is due. Returns in how many ticks something else will be, 0 for at once.
+  std::int64_t pass();
+  // Writes all that is buffered, joins small segments, cleans up: now, and not when it is due.
+  // False when a transaction failed or the file is not open.
+  bool writeAll();
+  bool mergeAll();
+  bool cleanUp();
+  // Writes what is buffered, as well as it can, and closes the file.
+  void finish();
+
+  // Whether the file is open and known. Readable from any thread, as is refused().
+  bool ready() const { return ready_; }
+  // Whether another archive has the place.
+  bool refused() const { return refused_; }
+  const std::string& file() const { return location_.file(); }
+  Store& store() { return store_; }  // for tests, on the worker's thread
+
+ private:
+  bool open();
+  bool openFile();
+  bool load();
+  bool loadStream(const StreamKey& key, Item& item);
+  void forgetFile();
+  bool moveAside();
+  bool writeBatch();
+  void appendBatch();
+  bool setDamagedApart();
+  bool mergeSome();
+  void queueForMerge(Stream& stream);
+  bool tryAgainAt(std::int64_t now) const;
+  void failed(const char* doing);
+  void succeeded();
+  void report(const std::string& problem);
+  std::int64_t ticksToNext(std::int64_t now) const;
+
+  const archive::ArchiveCfg limits_;
+  const std::int64_t retryTicks_;
+  Location location_;
+  const StoreParameters parameters_;
+  Catalog& catalog_;
+  WriteBuffer& buffer_;
+  ReaderPool& readers_;
+  DamageRegister& damage_;
+  Counters& counters_;
+  Store store_;
+  SegmentWriter writer_;
+  Cleaner cleaner_;
+  std::unordered_map<std::int64_t, Item*> byRow_;  // while loading
+  std::vector<Item*> newItems_;                    // of the batch being written
+  std::vector<Stream*> mergeQueue_;
+  Columns columns_;
+  std::int64_t marker_ = 0;     // first row of the batch tried last
+  std::int64_t failedAt_ = 0;   // when something failed, 0 when nothing has to be tried again
+  std::int64_t cleanedAt_ = 0;  // when the last clean-up began
+  bool mergeEverything_ = false;
+  bool doubtful_ = false;    // the file was unreadable in use: check it whole before going on
+  std::string lastProblem_;  // said already
+  std::int64_t lastProblemAt_ = 0;
+  std::atomic<bool> ready_{false};
+  std::atomic<bool> refused_{false};
+};
+
+}  // namespace orva::sqlite

@@ -1,0 +1,213 @@
+#include "orva_sqlite/store.h"
+
+#include <algorithm>
+
+#include "host/host_time.h"
+
+namespace orva::sqlite {
+namespace {
+
+constexpr int kFormat = 1;                         // user_version
+constexpr std::int64_t kApplication = 0x4F727661;  // "Orva": application_id
+constexpr std::int64_t kPageSize = 4096;
+
+// The statements that make a new file; docs/sqlite-format.md says what the columns hold.
+constexpr const char* kSchema =
+    "CREATE TABLE item(handle INTEGER PRIMARY KEY, item_id INTEGER NOT NULL, path TEXT NOT NULL);"
+    "CREATE TABLE segment(id INTEGER PRIMARY KEY, handle INTEGER NOT NULL,"
+    " layer INTEGER NOT NULL, first INTEGER NOT NULL, seq INTEGER NOT NULL,"
+    " last INTEGER NOT NULL, count INTEGER NOT NULL, data BLOB NOT NULL);"
+    "CREATE UNIQUE INDEX segment_by_time ON segment(handle, layer, first, seq);"
+    "CREATE TABLE damaged(id INTEGER PRIMARY KEY, handle INTEGER NOT NULL,"
+    " layer INTEGER NOT NULL, first INTEGER NOT NULL, last INTEGER NOT NULL,"
+    " count INTEGER NOT NULL, data BLOB, found INTEGER NOT NULL, reason TEXT NOT NULL);"
+    "CREATE TABLE meta(key TEXT PRIMARY KEY, value) WITHOUT ROWID;"
+    "INSERT INTO meta VALUES('format', 1);";
+
+// What the write-ahead log may take of a limited size.
+std::int64_t logShare(std::int64_t maxBytes, int checkpointPages) {
+  const std::int64_t usual = checkpointPages * kPageSize;
+  return maxBytes == 0 ? usual : std::min(usual, maxBytes / 8);
+}
+
+}  // namespace
+
+Store::Store(const StoreParameters& parameters, std::int64_t maxBytes, Counters& counters)
+    : parameters_(parameters),
+      maxBytes_(maxBytes),
+      logBytes_(logShare(maxBytes, parameters.checkpointPages)),
+      counters_(counters),
+      segments_(db_),
+      insertItem_(db_, "INSERT INTO item(handle, item_id, path) VALUES(?1, ?2, ?3)"),
+      insertSegment_(db_,
+                     "INSERT INTO segment(id, handle, layer, first, seq, last, count, data) "
+                     "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)"),
+      removeSegment_(db_, "DELETE FROM segment WHERE id = ?1"),
+      setApart_(db_,
+                "INSERT INTO damaged(handle, layer, first, last, count, data, found, reason) "
+                "SELECT handle, layer, ?2, ?3, ?4, data, ?5, ?6 FROM segment WHERE id = ?1"),
+      removeDamaged_(db_, "DELETE FROM damaged WHERE last < ?1") {}
+
+Store::Opened Store::open(const std::string& file, bool thorough) {
+  close();
+  if (!db_.open(file, Database::Mode::kReadWrite)) return Opened::kUnavailable;
+  const bool isNew = db_.number("SELECT count(*) FROM sqlite_master") == 0;
+  if (!db_.failed()) {
+    if (isNew ? configure() && createSchema() : schemaFits() && configure()) {
+      if (thorough) {
+        Statement check(db_, "PRAGMA quick_check(1)");
+        Query query(check);
+        if (query.row() && query.text(0) != "ok") return Opened::kUnreadable;
+      }
+      if (prepareAll()) {
+        nextItem_ = db_.number("SELECT max(handle) FROM item") + 1;
+        nextSegment_ = db_.number("SELECT max(id) FROM segment") + 1;
+      }
+    } else if (!db_.failed()) {
+      return Opened::kUnreadable;
+    }
+  }
+  if (!db_.failed()) return Opened::kReady;
+  return db_.isUnreadable() ? Opened::kUnreadable : Opened::kUnavailable;
+}
+
+void Store::close() {
+  finalizeAll();
+  db_.rollback();
+  db_.close();
+}
+
+bool Store::configure() {
+  // The page size and the vacuum mode work before the first table only, and do no harm later.
+  const std::string pragmas =
+      "PRAGMA page_size=" + std::to_string(kPageSize) + ";PRAGMA auto_vacuum=INCREMENTAL" +
+      ";PRAGMA journal_mode=WAL;PRAGMA synchronous=" + parameters_.synchronous +
+      ";PRAGMA cache_size=-" + std::to_string(parameters_.cacheKiB) +
+      ";PRAGMA wal_autocheckpoint=" +
+      std::to_string(std::max<std::int64_t>(16, logBytes_ / kPageSize)) +
+      ";PRAGMA journal_size_limit=" + std::to_string(logBytes_) + ";PRAGMA temp_store=MEMORY";
+  return db_.exec(pragmas.c_str());
+}
+
+bool Store::createSchema() {
+  const std::string head = "PRAGMA application_id=" + std::to_string(kApplication) +
+                           ";PRAGMA user_version=" + std::to_string(kFormat);
+  return db_.exec("BEGIN IMMEDIATE") && db_.exec(kSchema) && db_.exec(head.c_str()) &&
+         db_.exec("COMMIT");
+}
+
+// False without a failure: the file is a database, but none of ours.
+bool Store::schemaFits() {
+  const std::int64_t version = db_.number("PRAGMA user_version");
+  if (db_.number("PRAGMA application_id") != kApplication || version < 1 || version > kFormat) {
+    return false;
+  }
+  if (db_.failed() || prepareAll()) return !db_.failed();
+  // A table or column is missing: SQLite's plain error, which says nothing of the file's state.
+  if ((db_.code() & 0xFF) == 1) db_.clearFailure();
+  return false;
+}
+
+bool Store::prepareAll() {
+  return segments_.prepare() && insertItem_.prepare() && insertSegment_.prepare() &&
+         removeSegment_.prepare() && setApart_.prepare() && removeDamaged_.prepare();
+}
+
+void Store::finalizeAll() {
+  segments_.finalize();
+  insertItem_.finalize();
+  insertSegment_.finalize();
+  removeSegment_.finalize();
+  setApart_.finalize();
+  removeDamaged_.finalize();
+}
+
+bool Store::forEachItem(const std::function<void(std::int64_t, const archive::ItemKey&)>& visit) {
+  Statement statement(db_, "SELECT handle, item_id, path FROM item ORDER BY handle");
+  Query query(statement);
+  while (query.row()) {
+    visit(query.number(0), {query.number(1), query.text(2)});
+  }
+  return !db_.failed();
+}
+
+bool Store::forEachDamaged(const std::function<void(const StreamKey&, const Segment&)>& visit) {
+  Statement statement(db_, "SELECT handle, layer, first, last, count FROM damaged");
+  Query query(statement);
+  while (query.row()) {
+    Segment segment;
+    segment.first = query.number(2);
+    segment.last = query.number(3);
+    segment.count = query.number(4);
+    visit({query.number(0), static_cast<std::int32_t>(query.number(1))}, segment);
+  }
+  return !db_.failed();
+}
+
+std::int64_t Store::usedBytes() {
+  return (db_.number("PRAGMA page_count") - db_.number("PRAGMA freelist_count")) * kPageSize;
+}
+
+std::int64_t Store::fileBytes() { return db_.number("PRAGMA page_count") * kPageSize; }
+
+bool Store::begin(bool durable) {
+  const bool relaxed = !durable && parameters_.synchronous != "OFF";
+  const std::string mode =
+      "PRAGMA synchronous=" + (relaxed ? std::string("NORMAL") : parameters_.synchronous);
+  return db_.exec(mode.c_str()) && db_.begin();
+}
+
+bool Store::commit() {
+  if (db_.commit()) return true;
+  rollback();
+  return false;
+}
+
+void Store::rollback() { db_.rollback(); }
+
+void Store::insertItem(std::int64_t handle, const archive::ItemKey& key) {
+  Query(insertItem_).bind(handle).bind(key.first).bindText(key.second).run();
+  nextItem_ = std::max(nextItem_, handle + 1);
+}
+
+Segment Store::insert(const StreamKey& key, const Columns& samples, std::size_t from,
+                      std::size_t to, std::int64_t seq) {
+  const Bytes& data = encoder_.encode(samples, from, to);
+  Segment segment;
+  segment.id = nextSegment_++;
+  segment.first = samples.times[from];
+  segment.seq = seq;
+  segment.last = samples.times[to - 1];
+  segment.count = static_cast<std::int64_t>(to - from);
+  segment.size = static_cast<std::int64_t>(data.size());
+  Query query(insertSegment_);
+  query.bind(segment.id).bind(key.handle).bind(key.layer).bind(segment.first).bind(seq);
+  query.bind(segment.last).bind(segment.count).bindBlob(data.data(), data.size()).run();
+  counters_.bytes += data.size();
+  return segment;
+}
+
+void Store::remove(std::int64_t id) { Query(removeSegment_).bind(id).run(); }
+
+bool Store::setApart(const Segment& segment, const std::string& reason) {
+  if (!segments_.exists(segment.id)) return false;
+  Query query(setApart_);
+  query.bind(segment.id).bind(segment.first).bind(segment.last).bind(segment.count);
+  query.bind(getInt64FileTime()).bindText(reason).run();
+  remove(segment.id);
+  return !db_.failed();
+}
+
+void Store::removeDamagedBefore(std::int64_t time) { Query(removeDamaged_).bind(time).run(); }
+
+void Store::shrink() {
+  if (maxBytes_ == 0) return;
+  const std::int64_t pages = (fileBytes() - fileTarget() + kPageSize - 1) / kPageSize;
+  if (pages <= 0) return;
+  const std::string vacuum = "PRAGMA incremental_vacuum(" + std::to_string(pages) + ")";
+  db_.exec(vacuum.c_str());
+}
+
+void Store::checkpoint() { db_.exec("PRAGMA wal_checkpoint(TRUNCATE)"); }
+
+}  // namespace orva::sqlite

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "orva_sqlite/counters.h"
+#include "orva_sqlite/database.h"
+#include "orva_sqlite/segment_codec.h"
+#include "orva_sqlite/segment_table.h"
+#include "orva_sqlite/store_parameters.h"
+#include "share/archive_provider.h"
+
+namespace orva::sqlite {
+
+// The file of one archive as its only writer sees it: schema, rows, transactions. Used by one
+// thread at a time.
+class Store {
+ public:
+  // `maxBytes`, 0 for none, is what file and write-ahead log may take together; it keeps the log
+  // small.
+  Store(const StoreParameters& parameters, std::int64_t maxBytes, Counters& counters);
+  ~Store() { close(); }
+
+  enum class Opened {
+    kReady,
+    kUnavailable,  // not now: try again later
+    kUnreadable,   // no archive of a form that is known here
+  };
+  // Opens the file, or begins a new one. `thorough` also has every page checked.
+  Opened open(const std::string& file, bool thorough);
+  void close();
+  bool isOpen() const { return db_.isOpen(); }
+
+  // ---- what stands in the file
+  bool forEachItem(const std::function<void(std::int64_t, const archive::ItemKey&)>& visit);
+  bool forEachDamaged(const std::function<void(const StreamKey&, const Segment&)>& visit);
+  // Bytes of the file that hold something, and bytes it takes on the disk without its log.
+  std::int64_t usedBytes();
+  std::int64_t fileBytes();
+  std::int64_t fileTarget() const { return maxBytes_ == 0 ? 0 : maxBytes_ - logBytes_; }
+
+  // ---- transactions; what happened between is undone by a failure. A `durable` one is on the disk
+  // when commit() returns, as far as the parameters ask for that; one that only rearranges rows
+  // need not be.
+  bool begin(bool durable);
+  bool commit();
+  void rollback();
+
+  void insertItem(std::int64_t handle, const archive::ItemKey& key);
+  std::int64_t nextItemHandle() const { return nextItem_; }
+  // A row for the samples [from, to) of `samples`. Its id is greater than every one given before.
+  Segment insert(const StreamKey& key, const Columns& samples, std::size_t from, std::size_t to,
+                 std::int64_t seq);
+  void remove(std::int64_t id);
+  // Takes a damaged row out of the way, its bytes are kept. False when it is gone already.
+  bool setApart(const Segment& segment, const std::string& reason);
+  void removeDamagedBefore(std::int64_t time);
+  // The id that the next inserted row will have.
+  std::int64_t nextSegmentId() const { return nextSegment_; }
+
+  // Gives pages that hold nothing back until the file is no larger than fileTarget().
+  void shrink();
+  // Copies the log into the file and empties it.
+  void checkpoint();
+
+  SegmentTable& segments() { return segments_; }
+  SegmentDecoder& decoder() { return decoder_; }
+  Database& db() { return db_; }
+
+ private:
+  bool configure();
+  bool createSchema();
+  bool schemaFits();
+  bool prepareAll();
+  void finalizeAll();
+
+  const StoreParameters parameters_;
+  const std::int64_t maxBytes_;
+  const std::int64_t logBytes_;
+  Counters& counters_;
+  Database db_;
+  SegmentTable segments_;
+  Statement insertItem_;
+  Statement insertSegment_;
+  Statement removeSegment_;
+  Statement setApart_;
+  Statement removeDamaged_;
+  SegmentEncoder encoder_;
+  SegmentDecoder decoder_;
+  std::int64_t nextItem_ = 1;
+  std::int64_t nextSegment_ = 1;
+};
+
+}  // namespace orva::sqlite

@@ -1,0 +1,175 @@
+#include "orva_sqlite/write_buffer.h"
+
+#include <algorithm>
+
+#include "host/host_time.h"
+
+namespace orva::sqlite {
+namespace {
+// What a stream keeps of its memory after a burst.
+constexpr std::size_t kKeptCapacity = 1024;
+
+template <class T>
+void emptyOut(std::vector<T>& list) {
+  list.clear();
+  if (list.capacity() > kKeptCapacity) list.shrink_to_fit();
+}
+
+bool inside(const PinPtr& pin, std::int64_t from, std::int64_t to) {
+  return pin->time >= from && pin->time <= to;
+}
+}  // namespace
+
+void Span::extend(std::int64_t from, std::int64_t to) {
+  if (empty()) {
+    first = from;
+    last = to;
+    return;
+  }
+  first = std::min(first, from);
+  last = std::max(last, to);
+}
+
+WriteBuffer::WriteBuffer(std::uint32_t capacity, std::uint32_t batchSize, Signal& wake)
+    : capacity_(std::max(1U, capacity)),
+      batchSize_(std::max(1U, batchSize)),
+      wakeAt_(std::min(capacity_, batchSize_)),
+      wake_(wake) {}
+
+bool WriteBuffer::offer(BufferedStream& stream, const PinPtr& pin) {
+  bool wake = false;
+  {
+    MutexLock lock(mutex_);
+    const std::size_t waitingNow = static_cast<std::size_t>(nextNumber_ - headNumber_);
+    if (waitingNow >= capacity_) return false;
+    if (stream.waiting_.empty()) dirty_.push_back(&stream);
+    stream.waiting_.push_back({nextNumber_++, pin});
+    if (waitingNow == 0) since_ = getInt64FileTime();
+    wake = waitingNow == 0 || waitingNow + 1 == wakeAt_;
+  }
+  if (wake) wake_.notify();
+  return true;
+}
+
+std::size_t WriteBuffer::waiting() const {
+  MutexLock lock(mutex_);
+  return static_cast<std::size_t>(nextNumber_ - headNumber_);
+}
+
+std::int64_t WriteBuffer::waitingSince() const {
+  MutexLock lock(mutex_);
+  return since_;
+}
+
+bool WriteBuffer::batchIsDue(std::int64_t now, std::int64_t period) const {
+  MutexLock lock(mutex_);
+  if (!batchStreams_.empty()) return true;
+  const auto waitingNow = static_cast<std::size_t>(nextNumber_ - headNumber_);
+  if (waitingNow == 0) return false;
+  // A clock that was set back must not keep samples from the disk.
+  return waitingNow >= wakeAt_ || now - since_ >= period || now < since_;
+}
+
+bool WriteBuffer::hasBatch() const {
+  MutexLock lock(mutex_);
+  return !batchStreams_.empty();
+}
+
+void WriteBuffer::takeBatch() {
+  MutexLock lock(mutex_);
+  const std::uint64_t end = std::min(nextNumber_, headNumber_ + batchSize_);
+  for (BufferedStream* const stream : dirty_) takeFrom(*stream, end);
+  headNumber_ = end;
+  dirty_.erase(std::remove_if(dirty_.begin(), dirty_.end(),
+                              [](const BufferedStream* s) { return s->waiting_.empty(); }),
+               dirty_.end());
+}
+
+// The samples of one stream that came before number `end`.
+void WriteBuffer::takeFrom(BufferedStream& stream, std::uint64_t end) {
+  auto& waiting = stream.waiting_;
+  std::size_t taken = 0;
+  for (; taken < waiting.size() && waiting[taken].number < end; ++taken) {
+    stream.inFlight_.push_back(std::move(waiting[taken].pin));
+  }
+  if (taken == 0) return;
+  batchStreams_.push_back(&stream);
+  if (taken == waiting.size()) {
+    emptyOut(waiting);
+  } else {
+    waiting.erase(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(taken));
+  }
+}
+
+void WriteBuffer::committing(std::int64_t marker) {
+  MutexLock lock(mutex_);
+  ++epoch_;
+  marker_ = marker;
+  for (BufferedStream* const stream : batchStreams_) {
+    for (const PinPtr& pin : stream->inFlight_) stream->stored_.extend(pin->time, pin->time);
+  }
+}
+
+std::size_t WriteBuffer::committed(bool done) {
+  std::vector<PinPtr> released;  // freed outside the lock
+  MutexLock lock(mutex_);
+  ++epoch_;
+  marker_ = 0;
+  if (!done) return 0;
+  for (BufferedStream* const stream : batchStreams_) {
+    for (PinPtr& pin : stream->inFlight_) released.push_back(std::move(pin));
+    emptyOut(stream->inFlight_);
+  }
+  batchStreams_.clear();
+  const std::size_t count = released.size();
+  lock.unlock();
+  return count;
+}
+
+void WriteBuffer::setStored(BufferedStream& stream, Span span) {
+  MutexLock lock(mutex_);
+  stream.stored_ = span;
+}
+
+std::size_t WriteBuffer::discard() {
+  MutexLock lock(mutex_);
+  std::size_t lost = static_cast<std::size_t>(nextNumber_ - headNumber_);
+  for (BufferedStream* const stream : batchStreams_) {
+    lost += stream->inFlight_.size();
+    emptyOut(stream->inFlight_);
+  }
+  for (BufferedStream* const stream : dirty_) emptyOut(stream->waiting_);
+  batchStreams_.clear();
+  dirty_.clear();
+  headNumber_ = nextNumber_;
+  ++epoch_;
+  return lost;
+}
+
+void WriteBuffer::snapshot(const BufferedStream& stream, std::int64_t from, std::int64_t to,
+                           Snapshot& out) const {
+  out.inFlight.clear();
+  out.waiting.clear();
+  MutexLock lock(mutex_);
+  for (const PinPtr& pin : stream.inFlight_) {
+    if (inside(pin, from, to)) out.inFlight.push_back(pin);
+  }
+  for (const auto& entry : stream.waiting_) {
+    if (inside(entry.pin, from, to)) out.waiting.push_back(entry.pin);
+  }
+  out.stored = stream.stored_;
+  out.epoch = epoch_;
+  out.marker = marker_;
+}
+
+bool WriteBuffer::sameCut(const Snapshot& snapshot) const {
+  MutexLock lock(mutex_);
+  return snapshot.epoch == epoch_;
+}
+
+Span WriteBuffer::stored(const BufferedStream& stream) const {
+  MutexLock lock(mutex_);
+  return stream.stored_;
+}
+
+}  // namespace orva::sqlite
