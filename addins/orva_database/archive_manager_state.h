@@ -57,6 +57,9 @@ struct DataArchiveManager::State {
   void dispatch(const SharedInterval& interval) EXCLUDES(cacheMutex);
   // Who answers the interval. False when nobody can: then the item is marked not found.
   bool findTarget(const Interval& interval, Target& out) EXCLUDES(cacheMutex);
+  // Whether the host archives this layer of the item in an archive that is not there, which is then
+  // traced: the item's cache has no such layer, and so opens no interval that could fail.
+  bool archiveMissing(std::int64_t cacheId, std::int32_t layer) EXCLUDES(cacheMutex);
   void drain(const std::vector<SharedInterval>& intervals);
 
   // ---- queue: archive_queue.cpp

@@ -16,6 +16,13 @@ constexpr long long kWaitTicks = 100 * kTicksPerMillisecond;
 constexpr long long kReadLimitTicks = 60 * kTicksPerSecond;
 constexpr int kReadLimitWaits = 600;
 
+void traceNoArchive(std::int64_t cacheId, std::int32_t layer) {
+  OpcUa_Trace_Imp(kTraceError,
+                  "DataArchiveManager::addRequest : not find archive for cache_id = %lld and "
+                  "layer = %d",
+                  __FILE__, __LINE__, static_cast<long long>(cacheId), layer);
+}
+
 // Runs an archive's code for an interval. What it throws ends the interval, not the whole read.
 template <class Call>
 void ask(const SharedInterval& interval, const char* what, const Call& call) {
@@ -99,12 +106,27 @@ void DataArchiveManager::loadFromCache(const SharedRequest& request,
     }
     const std::vector<SharedInterval> open = item->openIntervals();
     if (open.empty()) {
+      if (state_->archiveMissing(item->cacheId, options.layerId)) item->fail(status::kBadNotFound);
       item->finalize();
     } else {
       out.insert(out.end(), open.begin(), open.end());
     }
   }
   request->completeIfEmpty();
+}
+
+bool DataArchiveManager::State::archiveMissing(std::int64_t cacheId, std::int32_t layer) {
+  std::int64_t itemId = 0;
+  {
+    RecursiveMutexLock lock(cacheMutex);
+    const auto key = cacheItems.find(cacheId);
+    if (key == cacheItems.end() || layerArchives.count({cacheId, layer}) != 0) return false;
+    itemId = key->second.first;
+  }
+  const auto layers = vm::VMInfo::GetInstance()->GetArchivedLayers(itemId);
+  if (!layers || layers->count(layer) == 0) return false;
+  traceNoArchive(cacheId, layer);
+  return true;
 }
 
 bool DataArchiveManager::State::findTarget(const Interval& interval, Target& out) {
@@ -119,10 +141,7 @@ bool DataArchiveManager::State::findTarget(const Interval& interval, Target& out
   }
   const auto archiveNumber = layerArchives.find({cacheId, interval.layer()});
   if (archiveNumber == layerArchives.end()) {
-    OpcUa_Trace_Imp(kTraceError,
-                    "DataArchiveManager::addRequest : not find archive for cache_id = %lld and "
-                    "layer = %d",
-                    __FILE__, __LINE__, static_cast<long long>(cacheId), interval.layer());
+    traceNoArchive(cacheId, interval.layer());
     return false;
   }
   const auto archive = archives.find(archiveNumber->second);

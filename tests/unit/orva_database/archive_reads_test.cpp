@@ -211,6 +211,25 @@ TEST_F(ArchiveReadsTest, LayerThatNoArchiveKeepsIsLoggedMarkedAndFinal) {
   }
 }
 
+TEST_F(ArchiveReadsTest, LayerWhoseArchiveIsNotThereIsLoggedAndMarked) {
+  start();
+  describeItem(5, "Plant/Lost", {{0, {0, 0}}, {1, {9, 0}}});
+  const std::int64_t cacheId = manager().createPinCache({5, "Plant/Lost"});
+  for (const std::int32_t layer : {0, 1, 2}) {
+    const SharedRequest request = requestFor(cacheId);
+    request->options.layerId = layer;
+    TraceCapture traces;
+    manager().syncRead(request);
+    EXPECT_EQ(request->status(), status::kGood);
+    // The host does not archive layer 2 of the item: nothing is missing.
+    const bool lost = layer == 1;
+    EXPECT_EQ(request->items()[0]->failure(), lost ? status::kBadNotFound : status::kGood);
+    EXPECT_EQ(traces.count("DataArchiveManager::addRequest : not find archive for cache_id = " +
+                           std::to_string(cacheId) + " and layer = 1"),
+              lost ? 1 : 0);
+  }
+}
+
 TEST_F(ArchiveReadsTest, IntervalsLeftOverByAClearAreMarkedAndFinal) {
   start();
   const SharedRequest request = requestFor(makeItem(1, "A"));
