@@ -27,10 +27,10 @@ OpcUa_VariantHlp* boxAt(lua_State* L, int index) {
   return static_cast<OpcUa_VariantHlp*>(luaL_testudata(L, index, kBoxName));
 }
 
-bool numberToTicks(double milliseconds, std::int64_t& ticks) {
-  if (!(std::fabs(milliseconds) <= kMaxMilliseconds)) return false;
-  const double whole = std::floor(milliseconds);
-  const double fraction = milliseconds - whole;
+bool numberToTicks(double since1970Ms, std::int64_t& ticks) {
+  if (!(std::fabs(since1970Ms) <= kMaxMilliseconds)) return false;
+  const double whole = std::floor(since1970Ms);
+  const double fraction = since1970Ms - whole;
   ticks = kUnixEpochTicks + static_cast<std::int64_t>(whole) * kTicksPerMillisecond +
           std::llround(fraction * static_cast<double>(kTicksPerMillisecond));
   return true;

@@ -38,12 +38,12 @@ bool parseReal(const std::string& text, Real& out) {
 }
 
 bool parseTime(const std::string& text, std::int64_t& ticks) {
-  std::int64_t milliseconds = 0;
-  if (!parseNumber(text, milliseconds)) return false;
+  std::int64_t since1970Ms = 0;
+  if (!parseNumber(text, since1970Ms)) return false;
   constexpr std::int64_t kLimit =
       std::numeric_limits<std::int64_t>::max() / kTicksPerMillisecond - kUnixEpochMilliseconds;
-  if (milliseconds > kLimit || milliseconds < -kUnixEpochMilliseconds) return false;
-  ticks = (milliseconds + kUnixEpochMilliseconds) * kTicksPerMillisecond;
+  if (since1970Ms > kLimit || since1970Ms < -kUnixEpochMilliseconds) return false;
+  ticks = (since1970Ms + kUnixEpochMilliseconds) * kTicksPerMillisecond;
   return true;
 }
 

@@ -19,16 +19,16 @@ void runSource(const std::string& type, Source& source, Gate& stop) noexcept {
   }
 }
 
-struct Running {
-  std::string type;
-  std::unique_ptr<Source> source;
-  Gate stop;
-  std::thread thread;
-};
-
 }  // namespace
 
 struct SourceRunner::State {
+  struct Running {
+    std::string type;
+    std::unique_ptr<Source> source;
+    Gate stop;
+    std::thread thread;
+  };
+
   std::vector<std::unique_ptr<Running>> sources;
 
   void add(const SourceCfg& cfg, std::unique_ptr<Source> source) {
