@@ -115,24 +115,23 @@ void clearLiveValues() {
 
 }  // namespace orva::host
 
-using namespace orva::host;
-
 int GetGlobalArrayIndexByID(const GlobalParamKey* key, std::uint32_t* index) {
   if (key == nullptr || index == nullptr) return 1;
   std::int64_t id = 0;
   OpcUa_Byte type = OpcUaType_Null;
-  const bool found = key->qualifier == kVariables   ? findVariable(key->id, id, type)
-                     : key->qualifier == kAllValues ? findValue(key->id, id, type)
-                                                    : false;
+  const bool found =
+      key->qualifier == orva::host::kVariables   ? orva::host::findVariable(key->id, id, type)
+      : key->qualifier == orva::host::kAllValues ? orva::host::findValue(key->id, id, type)
+                                                 : false;
   if (!found) return 1;
-  Parameters& all = parameters();
+  orva::host::Parameters& all = orva::host::parameters();
   orva::MutexLock lock(all.mutex);
-  *index = all.indexOf(id, kindOf(type));
+  *index = all.indexOf(id, orva::host::kindOf(type));
   return 0;
 }
 
 const GlobalParamDescriptor* GetGlobalParam(std::uint32_t index) {
-  Parameters& all = parameters();
+  orva::host::Parameters& all = orva::host::parameters();
   orva::MutexLock lock(all.mutex);
   return index < all.known.size() ? &all.known[index].descriptor : nullptr;
 }
@@ -140,7 +139,7 @@ const GlobalParamDescriptor* GetGlobalParam(std::uint32_t index) {
 int iReadBoolean(std::uint32_t index, int* value) {
   OpcUa_VariantHlp live;
   bool read = false;
-  if (value == nullptr || !readValue(index, live) || !live.GetBool(read)) return 1;
+  if (value == nullptr || !orva::host::readValue(index, live) || !live.GetBool(read)) return 1;
   *value = read ? 1 : 0;
   return 0;
 }
@@ -148,7 +147,7 @@ int iReadBoolean(std::uint32_t index, int* value) {
 int iReadInteger(std::uint32_t index, std::int32_t* value) {
   OpcUa_VariantHlp live;
   std::int64_t read = 0;
-  if (value == nullptr || !readValue(index, live) || !live.GetInt64(read)) return 1;
+  if (value == nullptr || !orva::host::readValue(index, live) || !live.GetInt64(read)) return 1;
   if (read < INT32_MIN || read > INT32_MAX) return 1;
   *value = static_cast<std::int32_t>(read);
   return 0;
@@ -156,6 +155,6 @@ int iReadInteger(std::uint32_t index, std::int32_t* value) {
 
 int iReadFloat(std::uint32_t index, double* value) {
   OpcUa_VariantHlp live;
-  if (value == nullptr || !readValue(index, live)) return 1;
+  if (value == nullptr || !orva::host::readValue(index, live)) return 1;
   return live.GetDouble(*value) ? 0 : 1;
 }

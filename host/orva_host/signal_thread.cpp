@@ -8,12 +8,12 @@ namespace orva::host {
 namespace {
 
 // Wakes the thread when it is to end.
-constexpr int kEnd = SIGUSR2;
+constexpr int kWakeUp = SIGUSR2;
 
 sigset_t handledSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int signal : {SIGHUP, SIGUSR1, SIGTERM, SIGINT, kEnd}) sigaddset(&signals, signal);
+  for (const int signal : {SIGHUP, SIGUSR1, SIGTERM, SIGINT, kWakeUp}) sigaddset(&signals, signal);
   return signals;
 }
 
@@ -28,7 +28,7 @@ SignalThread::SignalThread() {
 
 SignalThread::~SignalThread() {
   ending_ = true;
-  pthread_kill(thread_.native_handle(), kEnd);
+  pthread_kill(thread_.native_handle(), kWakeUp);
   thread_.join();
 }
 
@@ -38,7 +38,7 @@ void SignalThread::run() {
     int signal = 0;
     if (sigwait(&signals, &signal) != 0) continue;
     if (ending_) return;
-    if (signal == kEnd) continue;  // from outside: means nothing here
+    if (signal == kWakeUp) continue;  // from outside: means nothing here
     MutexLock lock(mutex_);
     signals_.push_back(signal);
     arrived_.notify_one();
