@@ -59,8 +59,9 @@ class Allocator2Q {
     std::uint32_t main;
   };
 
-  explicit Allocator2Q(unsigned total)
-      : kin_(total / 4), kout_(2 * (total / 4)), km_(total - 3 * (total / 4)) {}
+  // `firstIndex` is the first number a block gets; tests bring it near to its end.
+  explicit Allocator2Q(unsigned total, std::uint32_t firstIndex = 1)
+      : kin_(total / 4), kout_(2 * (total / 4)), km_(total - 3 * (total / 4)), next_(firstIndex) {}
   virtual ~Allocator2Q() = default;
   Allocator2Q(const Allocator2Q&) = delete;
   Allocator2Q& operator=(const Allocator2Q&) = delete;
@@ -140,7 +141,7 @@ class Allocator2Q {
   Queue firstIn_ GUARDED_BY(mutex_);
   Queue probation_ GUARDED_BY(mutex_);
   Queue main_ GUARDED_BY(mutex_);
-  std::uint32_t next_ GUARDED_BY(mutex_) = 1;
+  std::uint32_t next_ GUARDED_BY(mutex_);
 };
 
 // Owns the blocks of all items and layers under one policy. Layers refer to blocks weakly, so a

@@ -13,7 +13,7 @@ std::atomic<Signal::WaitClock*> waitClock{nullptr};
 constexpr long long kLongestWaitTicks = 864'000'000'000;  // a day
 }  // namespace
 
-void Signal::setWaitClock(WaitClock* clock) { waitClock.store(clock); }
+Signal::WaitClock* Signal::setWaitClock(WaitClock* clock) { return waitClock.exchange(clock); }
 
 std::uint64_t Signal::count() const {
   MutexLock lock(mutex_);

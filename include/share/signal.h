@@ -26,8 +26,8 @@ class ORVA_API Signal {
     virtual ~WaitClock() = default;
     virtual bool wait(Signal& signal, std::uint64_t seen, long long ticks) = 0;
   };
-  // Null gives the real clock back. Set it while nothing waits.
-  static void setWaitClock(WaitClock* clock);
+  // Null gives the real clock back. Set it while nothing waits. Returns the one there was.
+  static WaitClock* setWaitClock(WaitClock* clock);
 
   std::uint64_t count() const EXCLUDES(mutex_);
   // Wakes every waiter; a wait whose `seen` is older returns at once.
