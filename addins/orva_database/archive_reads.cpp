@@ -106,7 +106,9 @@ void DataArchiveManager::loadFromCache(const SharedRequest& request,
     }
     const std::vector<SharedInterval> open = item->openIntervals();
     if (open.empty()) {
-      if (state_->archiveMissing(item->cacheId, options.layerId)) item->fail(status::kBadNotFound);
+      if (item->valueCount() == 0 && state_->archiveMissing(item->cacheId, options.layerId)) {
+        item->fail(status::kBadNotFound);
+      }
       item->finalize();
     } else {
       out.insert(out.end(), open.begin(), open.end());

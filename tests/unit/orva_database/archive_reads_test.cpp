@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <boost/smart_ptr/make_shared.hpp>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -241,6 +242,20 @@ TEST_F(ArchiveReadsTest, IntervalsLeftOverByAClearAreMarkedAndFinal) {
   EXPECT_EQ(request->items()[1]->failure(), status::kBadNotFound);
 }
 
+TEST_F(ArchiveReadsTest, LayerThatAnItemHadBeforeAClearIsNotReadAfterIt) {
+  start();
+  describeItem(1, "Plant/Load", {{0, {0, 0}}, {1, {0, 0}}});
+  manager().createPinCache(kLoad);
+  manager().clear();
+  start();
+  const SharedRequest request = requestFor(makeItem(1));  // the same cache id, layer 0 alone
+  request->options.layerId = 2;
+  request->items()[0]->addInterval(1, 0, 0);
+  TraceCapture traces;
+  manager().syncRead(request);
+  EXPECT_EQ(request->items()[0]->failure(), status::kBadNotFound);
+}
+
 // A request for an item that is put together by the archives: layer -1 asks every one of them.
 SharedRequest requestOfEveryArchive(std::int64_t cacheId, std::uint32_t limit = 0) {
   const SharedRequest request = requestFor(cacheId, 0, 0, limit);
@@ -373,23 +388,26 @@ TEST_F(ArchiveReadsTest, AddRequestReturnsAtOnceAndCompletesWhenTheArchiveAnswer
   EXPECT_EQ(timesOf(request->items()[0]), Times({10, 20, 30}));
 }
 
+// Completed by the archive, or by the cache before any archive is asked.
 TEST_F(ArchiveReadsTest, CompletionInsideTheCallMayDropTheLastReference) {
   start();
+  describeLayer(0, true);
   const std::int64_t cacheId = makeLoad();
-  SharedRequest request = requestFor(cacheId);
-  const boost::weak_ptr<Request> watched = request;
-  request->setCompletion([&](const SharedRequest&) { request.reset(); });
-  manager().addRequest(request, 1000);
-  EXPECT_TRUE(watched.expired());
-}
-
-TEST_F(ArchiveReadsTest, CompletionInsideASynchronousReadMayDropTheCallersReference) {
-  start();
-  SharedRequest request = requestFor(makeLoad());
-  const boost::weak_ptr<Request> watched = request;
-  request->setCompletion([&](const SharedRequest&) { request.reset(); });
-  manager().syncRead(request);
-  EXPECT_TRUE(watched.expired());
+  for (const PinPtr& sample : realPins(100, 5)) *pin(cacheId) << sample;
+  for (const std::int64_t from : {10, 101}) {
+    for (const bool synchronous : {false, true}) {
+      SharedRequest request = requestFor(cacheId, from, from + 2);
+      const boost::weak_ptr<Request> watched = request;
+      request->setCompletion([&](const SharedRequest&) { request.reset(); });
+      if (synchronous) {
+        manager().syncRead(request);
+      } else {
+        manager().addRequest(request, 1000);
+      }
+      EXPECT_TRUE(watched.expired());
+    }
+  }
+  EXPECT_EQ(archive().readCount(), 2U);
 }
 
 TEST_F(ArchiveReadsTest, CompletionMayReadAgain) {
@@ -455,15 +473,38 @@ TEST_F(ArchiveQueueTest, PassesAreAHundredMillisecondsApart) {
   EXPECT_EQ(request->status(), status::kBadTimeout);
 }
 
-TEST_F(ArchiveQueueTest, RequestThatNobodyHoldsDisappearsFromTheQueue) {
+// Counts what of it is not freed: a weak reference keeps the memory of a request.
+template <class T>
+struct CountingAllocator {
+  using value_type = T;
+  explicit CountingAllocator(int& live) : count(&live) {}
+  template <class U>
+  explicit CountingAllocator(const CountingAllocator<U>& other) : count(other.count) {}
+  T* allocate(std::size_t n) {
+    ++*count;
+    return std::allocator<T>().allocate(n);
+  }
+  void deallocate(T* memory, std::size_t n) {
+    --*count;
+    std::allocator<T>().deallocate(memory, n);
+  }
+  int* count;
+};
+
+TEST_F(ArchiveQueueTest, RequestThatNobodyHoldsDisappearsFromTheQueueAtTheNextPass) {
   holdWorker();
-  SharedRequest request = addSilent(100);
+  start();
+  int live = 0;
+  auto request = boost::allocate_shared<Request>(CountingAllocator<Request>(live));
+  request->addItem(makeItem(1));
   int timeouts = 0;
   request->setTimeoutListener([&](const SharedRequest&) { ++timeouts; });
+  manager().addRequest(request, 60'000);
+  EXPECT_EQ(live, 1);
   TraceCapture traces;
   request.reset();
   workerPass();
-  workerPass();
+  EXPECT_EQ(live, 0);
   EXPECT_EQ(timeouts, 0);
   EXPECT_TRUE(traces.texts().empty());
 }

@@ -283,6 +283,13 @@ TEST(FilterTest, WithoutADeadbandEveryChangeIsWritten) {
   EXPECT_TRUE(writes(onChange(), real(1), real(std::nextafter(1.0, 2.0))));
 }
 
+TEST(FilterTest, WithoutADeadbandNanOfAnotherTypeIsAChangeToo) {
+  OpcUa_VariantHlp single;
+  single.SetFloat(std::numeric_limits<float>::quiet_NaN());
+  EXPECT_TRUE(writes(onChange(0.0), real(kNan), single));
+  EXPECT_FALSE(writes(onChange(0.5), real(kNan), single));
+}
+
 TEST(FilterTest, DeadbandSuppressesDifferencesStrictlyBelowIt) {
   EXPECT_FALSE(writes(onChange(0.5), real(10.0), real(10.4)));
   EXPECT_TRUE(writes(onChange(0.5), real(10.0), real(10.5)));
