@@ -88,7 +88,13 @@ void IntervalReader::push(archive::Interval& interval, const PinPtr& pin) {
 
 // What the view met on its way goes into the answer.
 void IntervalReader::close(archive::Interval& interval, const StreamView& view) {
-  if (view.readsFile()) ++counters_.diskReads;
+  if (view.readsFile()) {
+    ++counters_.diskReads;
+    OpcUa_Trace_Imp(kTraceDetail, "sqlite: item %lld, layer %d: %lld to %lld read from the file\n",
+                    __FILE__, __LINE__, static_cast<long long>(interval.cacheId()),
+                    interval.layer(), static_cast<long long>(interval.start()),
+                    static_cast<long long>(interval.end()));
+  }
   if (view.metDamage()) interval.fail(status::kBadDataLost);
   if (!view.unavailable()) return;
   interval.fail(status::kBadDataUnavailable);

@@ -7,6 +7,7 @@
 // Levels of the host's trace. Each is a bit; the host's configuration says which are shown.
 constexpr std::uint32_t kTraceError = 0x10;
 constexpr std::uint32_t kTraceWarning = 0x20;
+constexpr std::uint32_t kTraceDetail = 0x40;  // what is done, for those who look for a cause
 
 extern "C" {
 // One diagnostic, with the place in the source that speaks. Thread-safe, never throws.
