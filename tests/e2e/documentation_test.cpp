@@ -1,0 +1,137 @@
+// The examples of the documentation, run as they stand there.
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "share/json.h"
+#include "support/plant.h"
+
+namespace orva::test {
+namespace {
+
+// A fenced block of a page: ```<info>, lines, ```.
+struct Fence {
+  std::string info;
+  std::string text;
+};
+
+std::vector<Fence> fencesOf(const std::string& page) {
+  std::istringstream lines(readFile(std::string(ORVA_SOURCE_DIR) + "/" + page));
+  std::vector<Fence> fences;
+  bool inside = false;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.compare(0, 3, "```") == 0) {
+      inside = !inside;
+      if (inside) fences.push_back({line.substr(3), {}});
+    } else if (inside) {
+      fences.back().text += line + "\n";
+    }
+  }
+  return fences;
+}
+
+constexpr const char* kFourSamples = R"(
+local load = ArchiveProc.new{Id = 1, Path = "Plant/Load"}
+local values = {20.5, 21, 19.75, 22}
+function cycle()
+  if load.Value then return end
+  for n, value in ipairs(values) do
+    load.Value = DataValue{Value = value, SourceTime = 1700000000000 + 1000 * (n - 1),
+                           Status = n == 3 and 0x40000000 or 0}
+    load()
+  end
+end
+)";
+
+class JsonMethodsPageTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    PlantConfig config;
+    config.variables = "[" + variable(1, "Plant/Load", "Double") + "]";
+    config.programs = "[" + program("writer", "writer.lua", 10) + "]";
+    plant_.configure(config);
+    plant_.folder().write("writer.lua", kFourSamples);
+    ASSERT_TRUE(plant_.start());
+    ASSERT_TRUE(plant_.waitForValue(plant_.itemId("Plant/Load"), "22.0"));
+  }
+
+  // `info` is "json request <method>" or "json request GET <path>".
+  std::string run(const Fence& request) {
+    const std::string what = request.info.substr(std::string("json request ").size());
+    if (what.compare(0, 4, "GET ") != 0) return plant_.client().call(what, request.text).body;
+    HttpConnection connection(plant_.port());
+    connection.send(what + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    return connection.receive().body;
+  }
+
+  static void expectSameJson(const std::string& got, const std::string& documented) {
+    json::Document left;
+    json::Document right;
+    left.Parse(got);
+    right.Parse(documented);
+    ASSERT_FALSE(left.HasParseError()) << got;
+    ASSERT_FALSE(right.HasParseError()) << documented;
+    EXPECT_TRUE(left == right) << "got " << got << "\nbut the page says " << documented;
+  }
+
+  Plant plant_{PlantConfig()};
+};
+
+TEST_F(JsonMethodsPageTest, EachRequestHasTheReplyThatStandsBelowIt) {
+  const std::vector<Fence> fences = fencesOf("docs/json-methods.md");
+  int examples = 0;
+  for (std::size_t i = 0; i + 1 < fences.size(); ++i) {
+    if (fences[i].info.find("json request ") != 0) continue;
+    SCOPED_TRACE(fences[i].info + fences[i].text);
+    ASSERT_EQ(fences[i + 1].info, "json reply");
+    expectSameJson(run(fences[i]), fences[i + 1].text);
+    ++examples;
+  }
+  EXPECT_GE(examples, 7);
+}
+
+TEST(ProviderGuideTest, TheProviderOfTheGuideIsTheOneThatIsBuilt) {
+  const std::string source =
+      readFile(std::string(ORVA_SOURCE_DIR) + "/examples/memory_provider/memory_provider.cpp");
+  ASSERT_NE(source, "");
+  std::string shown;
+  for (const Fence& fence : fencesOf("docs/provider-guide.md")) {
+    if (fence.info == "cpp memory_provider.cpp") shown += fence.text;
+  }
+  EXPECT_EQ(shown, source);
+}
+
+TEST(ProviderGuideTest, TheProviderOfTheGuideKeepsHistory) {
+  PlantConfig config;
+  config.addins = R"(["liborva_database.so", "liborva_memory.so"])";
+  config.variables = "[" + variable(1, "Plant/Load", "Double") + "]";
+  config.programs = "[" + program("writer", "writer.lua", 10) + "]";
+  // Not cached, so that every read is the provider's.
+  config.layers = R"([{"number": 0, "cache": false}])";
+  config.dataArchive = R"({"archives": [{"connection": {"providerType": "memory"},
+    "limits": {"writeBufferSize": 3}, "filter": {"allValues": true}}]})";
+  Plant plant(config);
+  plant.folder().write("writer.lua", kFourSamples);
+  ASSERT_TRUE(plant.start());
+  const std::int64_t id = plant.itemId("Plant/Load");
+  ASSERT_TRUE(plant.waitForValue(id, "22.0"));
+  const Sample second{1'700'000'001'000, "21.0", 0};
+  const Sample third{1'700'000'002'000, "19.75", 0x40000000};
+  const Sample fourth{1'700'000'003'000, "22.0", 0};
+  const auto read = [&](const std::string& parameters) {
+    return plant.client().readRaw(id, parameters).item().values;
+  };
+  EXPECT_EQ(read(""), (Samples{second, third, fourth}));
+  EXPECT_EQ(read(R"("returnFirstLastValue": true)"), (Samples{second, fourth}));
+  const std::string middle = R"("startTime": 1700000001500, "endTime": 1700000002500)";
+  EXPECT_EQ(read(middle), (Samples{third}));
+  EXPECT_EQ(read(middle + R"(, "returnBounds": true)"), (Samples{second, third, fourth}));
+  EXPECT_EQ(plant.client().readAll(id, R"("numValuesPerNode": 1)"),
+            (Samples{second, third, fourth}));
+}
+
+}  // namespace
+}  // namespace orva::test
