@@ -163,24 +163,25 @@ int makeDataValue(lua_State* L) {
   return 1;
 }
 
-const OpcUa_VariantHlp& checkedBox(lua_State* L) {
+const OpcUa_VariantHlp* checkedBox(lua_State* L) {
   const OpcUa_VariantHlp* box = boxAt(L, 1);
   if (box == nullptr) luaL_argerror(L, 1, "DataValue expected");
-  return *box;
+  return box;
 }
 
 int indexDataValue(lua_State* L) {
-  const OpcUa_VariantHlp& box = checkedBox(L);
-  const OpcUa_DataValue* data = box.GetDataValue();
+  const OpcUa_VariantHlp* box = checkedBox(L);
+  if (box == nullptr) return 0;  // never: the check above raised
+  const OpcUa_DataValue* data = box->GetDataValue();
   const char* name = lua_type(L, 2) == LUA_TSTRING ? lua_tostring(L, 2) : "";
   if (data == nullptr) {
     if (std::strcmp(name, "Value") != 0) return 0;
-    pushVariant(L, box);
+    pushVariant(L, *box);
     return 1;
   }
   if (std::strcmp(name, "Value") == 0) {
     OpcUa_VariantHlp* inner = pushVariantBox(L);  // so that a Lua error leaks nothing
-    if (!copyInner(box, *inner)) return luaL_error(L, "DataValue: out of memory");
+    if (!copyInner(*box, *inner)) return luaL_error(L, "DataValue: out of memory");
     pushVariant(L, *inner);
     return 1;
   }
@@ -195,7 +196,9 @@ int indexDataValue(lua_State* L) {
 }
 
 int dataValueToText(lua_State* L) {
-  const std::string& text = readableText(checkedBox(L));
+  const OpcUa_VariantHlp* box = checkedBox(L);
+  if (box == nullptr) return 0;
+  const std::string& text = readableText(*box);
   lua_pushlstring(L, text.data(), text.size());
   return 1;
 }
