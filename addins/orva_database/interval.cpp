@@ -10,9 +10,6 @@
 namespace orva::archive {
 
 namespace {
-// Reads that resample at or below this many ticks get every sample.
-constexpr std::int64_t kNoResampling = 1'000'000;
-
 bool sameSample(const Pin& a, const Pin& b) { return a.time == b.time && a.value.IsEqual(b.value); }
 }  // namespace
 
@@ -113,7 +110,7 @@ Request::Item::Interval::~Interval() {
 }
 
 bool Request::Item::Interval::resamples(const Item& item) const {
-  return kind_ == Kind::range && item.resampleInterval > kNoResampling;
+  return kind_ == Kind::range && item.resampleInterval > Sampling::kOffUpTo;
 }
 
 std::uint64_t Request::Item::Interval::positionInItem(const Item& item) const {

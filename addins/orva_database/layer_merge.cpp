@@ -3,6 +3,7 @@
 #include <map>
 
 #include "orva_database/layer.h"
+#include "share/ticks.h"
 
 // How a layer takes in what an archive answered. An answer vouches for what it delivered and no
 // more; what live blocks hold already goes, one for one, and the rest is cut into blocks. Samples
@@ -11,8 +12,6 @@
 namespace orva::cache {
 
 namespace {
-constexpr std::int64_t kMaxTime = std::numeric_limits<std::int64_t>::max();
-
 bool sameValue(const PinPtr& a, const PinPtr& b) { return a->value.IsEqual(b->value); }
 }  // namespace
 

@@ -2,6 +2,7 @@
 #include <iterator>
 
 #include "orva_database/layer.h"
+#include "share/ticks.h"
 
 // How a layer answers reads. What it hands over is what live blocks hold; what they do not vouch
 // for is asked for in intervals. Interval bounds are closed, so an archive may give the samples at
@@ -10,10 +11,7 @@
 namespace orva::cache {
 
 namespace {
-constexpr std::int64_t kMaxTime = std::numeric_limits<std::int64_t>::max();
 constexpr std::uint64_t kUnlimited = std::numeric_limits<std::uint64_t>::max();
-// Reads that resample at or below this many ticks get every sample.
-constexpr std::int64_t kNoResampling = 1'000'000;
 // Blocks whose samples go through one resampling step, so that block boundaries hardly show.
 constexpr int kBlocksPerResampling = 10;
 
@@ -32,7 +30,7 @@ struct Layer::Walk {
       : item(forItem),
         cursor(from),
         to(end),
-        resampled(forItem->resampleInterval > kNoResampling),
+        resampled(forItem->resampleInterval > archive::Sampling::kOffUpTo),
         limit(forItem->numValuesPerNode == 0 ? kUnlimited : forItem->numValuesPerNode),
         count(forItem->valueCount()) {}
 

@@ -10,7 +10,6 @@ namespace orva::archive {
 
 namespace {
 
-constexpr std::int64_t kOffUpTo = 1'000'000;   // ticks
 constexpr std::int64_t kBatchOffUpTo = 1'000;  // ticks
 constexpr std::size_t kBatchMinimum = 3;       // samples
 constexpr double kNone = std::numeric_limits<double>::quiet_NaN();

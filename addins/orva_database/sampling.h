@@ -17,10 +17,13 @@ namespace orva::archive {
 // A value that cannot be read as a number is never a minimum or maximum. NaN is left out; any
 // other such value (text, say) is kept where it differs from the one kept before in its period.
 //
-// An interval up to 1,000,000 ticks (0.1 s) switches resampling off: samples pass unchanged.
+// An interval up to kOffUpTo switches resampling off: samples pass unchanged.
 // No lock of its own.
 class Sampling {
  public:
+  // Intervals up to this many ticks (0.1 s) switch resampling off.
+  static constexpr std::int64_t kOffUpTo = 1'000'000;
+
   // Output goes to `queue`, which must outlive this. push() and flush() append to it, so only
   // insert() has a use for a position, and it is told one: no position is kept between calls.
   Sampling(std::int64_t interval, PinList& queue, PinList::iterator position);
