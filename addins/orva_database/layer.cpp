@@ -7,11 +7,6 @@
 
 namespace orva::cache {
 
-namespace {
-// Layers whose interval is at most this many ticks are not resampled.
-constexpr std::int64_t kNoResampling = 1'000'000;
-}  // namespace
-
 Layer::Limits Layer::limits;
 boost::shared_ptr<BlockStorage> Layer::storage = BlockStorage::make(Layer::kStorageBlocks);
 
@@ -24,7 +19,7 @@ Layer::~Layer() = default;
 void Layer::init(const vm::Layer& description, archive::ILayerWriter& writer) {
   flush();
   resampler_.reset();
-  inbox_->take();
+  inbox_ = boost::make_shared<Inbox>();  // what the layer asked for until now comes to nothing
   blocks_.clear();
   lastEntry_ = blocks_.end();
   last_.reset();
@@ -32,7 +27,7 @@ void Layer::init(const vm::Layer& description, archive::ILayerWriter& writer) {
   cached_ = description.cache;
   if (cached_) baseInit();
   writer_ = &writer;
-  if (description.resampleInterval > kNoResampling) {
+  if (description.resampleInterval > archive::Sampling::kOffUpTo) {
     resampler_ = std::make_unique<archive::Sampling>(description.resampleInterval, resampled_,
                                                      resampled_.end());
   }
