@@ -8,8 +8,11 @@ DataBlock::~DataBlock() = default;
 
 DataBlock::iterator DataBlock::left_it(std::int64_t t, bool inclusive) const {
   if (samples_.empty()) return samples_.end();
-  const auto found = std::lower_bound(samples_.rbegin(), samples_.rend(), t,
-                                      inclusive ? &left<true> : &left<false>);
+  // Most reads go up to the newest sample; each step of a search waits for a sample far away.
+  if (t > lastTime() || (inclusive && t == lastTime())) return std::prev(samples_.end());
+  const auto newest = samples_.rbegin();
+  const auto found = inclusive ? std::lower_bound(newest, samples_.rend(), t, left<true>)
+                               : std::lower_bound(newest, samples_.rend(), t, left<false>);
   return found == samples_.rend() ? samples_.begin() : std::prev(found.base());
 }
 
@@ -19,8 +22,8 @@ PinPtr DataBlock::left_val(std::int64_t t, bool inclusive) const {
 }
 
 DataBlock::iterator DataBlock::right_it(std::int64_t t, bool inclusive) const {
-  return std::lower_bound(samples_.begin(), samples_.end(), t,
-                          inclusive ? &right<true> : &right<false>);
+  return inclusive ? std::lower_bound(samples_.begin(), samples_.end(), t, right<true>)
+                   : std::lower_bound(samples_.begin(), samples_.end(), t, right<false>);
 }
 
 PinPtr DataBlock::right_val(std::int64_t t, bool inclusive) const {
