@@ -178,6 +178,14 @@ std::string qualityText(std::uint32_t quality) {
   return text;
 }
 
+// Six digits of a number with a fraction are enough to read.
+std::string valueText(const rapidjson::Value& value) {
+  if (!value.IsDouble()) return textOf(value);
+  char text[32];
+  std::snprintf(text, sizeof text, "%.6g", value.GetDouble());
+  return text;
+}
+
 void printItem(const Settings& settings, const ArchivedItem& item, int pathWidth) {
   const rapidjson::Document reply = readNewest(settings, item);
   const rapidjson::Value& data = reply["data"][0];
@@ -191,7 +199,7 @@ void printItem(const Settings& settings, const ArchivedItem& item, int pathWidth
   for (auto at = values.End() - count; at != values.End(); ++at) {
     const rapidjson::Value& sample = *at;
     std::printf("%s  %-*s  %12s  %s\n", isoTime(sample[0].GetInt64()).c_str(), pathWidth,
-                item.path.c_str(), textOf(sample[1]).c_str(),
+                item.path.c_str(), valueText(sample[1]).c_str(),
                 qualityText(sample[2].GetUint()).c_str());
   }
 }

@@ -1,9 +1,93 @@
 #!/usr/bin/env bash
-# run_demo.sh SECONDS PORT: runs the example plant with the built host; 0 seconds is until interrupted.
+# run_demo.sh SECONDS PORT: runs the example plant with the built host and shows its history;
+# 0 seconds is until interrupted.
 source "$(dirname "$0")/common.sh"
 seconds=$1
 port=$2
 
-say "the example plant on http://127.0.0.1:$port"
-exec timeout --preserve-status --signal=TERM "$seconds" \
-  build/release/bin/orva_host --config examples/plant.json
+bin=build/release/bin
+folder=build/demo
+host=
+sleeper=
+
+# Whatever ends this script ends the host. Gives the host's exit code.
+stop_host() {
+  local result=0
+  if [[ -n $host ]]; then
+    kill -TERM "$host" 2>/dev/null || true
+    wait "$host" || result=$?
+    host=
+  fi
+  return "$result"
+}
+on_exit() {
+  local result=$?
+  if [[ -n $sleeper ]]; then kill "$sleeper" 2>/dev/null || true; fi
+  stop_host || result=$?
+  exit "$result"
+}
+
+finish() {
+  trap '' INT TERM
+  local result=0
+  stop_host || result=$?
+  if ((result != 0)); then
+    say "the host failed with exit code $result; the end of its log, $folder/host.log:"
+    tail -n 20 "$folder/host.log"
+    exit "$result"
+  fi
+  say "stopped; the history stays in $folder/data and is there again at the next start"
+  exit 0
+}
+
+# A wait that a signal ends.
+pause() {
+  sleep "$1" &
+  sleeper=$!
+  wait "$sleeper" || true
+  sleeper=
+}
+
+# Runs a copy of the example, so that its data stay out of examples/.
+start_host() {
+  mkdir -p "$folder"
+  cp -r examples/plant.json examples/programs "$folder/"
+  : >"$folder/host.out"
+  "$bin/orva_host" --config "$folder/plant.json" --port "$port" \
+    >"$folder/host.out" 2>"$folder/host.log" &
+  host=$!
+  for _ in {1..100}; do
+    if grep -q '^listening on' "$folder/host.out"; then return; fi
+    kill -0 "$host" 2>/dev/null || finish
+    pause 0.1
+  done
+  finish
+}
+
+trap on_exit EXIT
+trap finish INT TERM
+begin=$SECONDS
+start_host
+say "the example plant is running, $(cat "$folder/host.out")"
+say "it archives these variables of this machine and of a simulated tank:"
+"$bin/orva_read_history" --port "$port" --list | sed 's/^/   /'
+
+collect=$((seconds == 0 || seconds > 12 ? 10 : seconds - 3))
+say "collecting for $collect seconds"
+pause "$collect"
+say "the newest history of some of them, as $bin/orva_read_history reads it over HTTP:"
+"$bin/orva_read_history" --port "$port" --seconds "$((collect + 1))" --most 5 \
+  Plant/Tank/Level Plant/Tank/Pump System/Cpu/Load System/Memory/UsedPercent System/Mode
+
+if ((seconds > 0)); then
+  left=$((begin + seconds - SECONDS))
+  if ((left > 0)); then pause "$left"; fi
+  finish
+fi
+cat <<NEXT
+== it goes on until Ctrl-C; meanwhile, in another terminal:
+   $bin/orva_read_history --port $port --seconds 300 System/Cpu/Load
+   tail -f $folder/host.log
+NEXT
+while kill -0 "$host" 2>/dev/null; do pause 1; done
+finish
