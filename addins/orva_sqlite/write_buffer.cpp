@@ -88,16 +88,20 @@ void WriteBuffer::takeBatch() {
 // The samples of one stream that came before number `end`.
 void WriteBuffer::takeFrom(BufferedStream& stream, std::uint64_t end) {
   auto& waiting = stream.waiting_;
-  std::size_t taken = 0;
+  const std::size_t before = stream.taken_;
+  std::size_t& taken = stream.taken_;
   for (; taken < waiting.size() && waiting[taken].number < end; ++taken) {
     stream.inFlight_.push_back(std::move(waiting[taken].pin));
   }
-  if (taken == 0) return;
+  if (taken == before) return;
   batchStreams_.push_back(&stream);
   if (taken == waiting.size()) {
     emptyOut(waiting);
-  } else {
+    taken = 0;
+  } else if (taken > waiting.size() / 2) {
+    // Seldom enough that a long queue is not moved again and again.
     waiting.erase(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(taken));
+    taken = 0;
   }
 }
 
@@ -138,7 +142,10 @@ std::size_t WriteBuffer::discard() {
     lost += stream->inFlight_.size();
     emptyOut(stream->inFlight_);
   }
-  for (BufferedStream* const stream : dirty_) emptyOut(stream->waiting_);
+  for (BufferedStream* const stream : dirty_) {
+    emptyOut(stream->waiting_);
+    stream->taken_ = 0;
+  }
   batchStreams_.clear();
   dirty_.clear();
   headNumber_ = nextNumber_;
@@ -154,8 +161,9 @@ void WriteBuffer::snapshot(const BufferedStream& stream, std::int64_t from, std:
   for (const PinPtr& pin : stream.inFlight_) {
     if (inside(pin, from, to)) out.inFlight.push_back(pin);
   }
-  for (const auto& entry : stream.waiting_) {
-    if (inside(entry.pin, from, to)) out.waiting.push_back(entry.pin);
+  for (std::size_t i = stream.taken_; i < stream.waiting_.size(); ++i) {
+    const PinPtr& pin = stream.waiting_[i].pin;
+    if (inside(pin, from, to)) out.waiting.push_back(pin);
   }
   out.stored = stream.stored_;
   out.epoch = epoch_;

@@ -35,7 +35,8 @@ class BufferedStream {
     std::uint64_t number;  // counts the samples of all streams in the order of their arrival
     PinPtr pin;
   };
-  std::vector<Entry> waiting_;
+  std::vector<Entry> waiting_;    // in its first `taken_` places nothing is left
+  std::size_t taken_ = 0;         // 0 when nothing waits
   std::vector<PinPtr> inFlight_;  // in the transaction that is being made, or is to be tried again
   // Never smaller than what a read may find in the file.
   Span stored_;
