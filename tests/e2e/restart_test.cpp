@@ -9,12 +9,12 @@
 namespace orva::test {
 namespace {
 
-constexpr std::int64_t kBegin = 1'700'000'000'000;
-constexpr int kCount = 5000;
+constexpr std::int64_t kHistoryBegin = 1'700'000'000'000;
+constexpr int kSamplesPerItem = 5000;
 // What the SQLite provider traces when it has to look into its file.
 constexpr const char* kReadFromFile = "read from the file";
 
-constexpr const char* kProgram = R"(
+constexpr const char* kThreeItems = R"(
 local items = {}
 for id = 1, 3 do items[id] = ArchiveProc.new{Id = id, Path = "Plant/Item" .. id} end
 local done = false
@@ -56,7 +56,7 @@ class RestartTest : public ::testing::Test {
     PlantConfig writing = config();
     writing.programs = "[" + program("writer", "writer.lua", 10) + "]";
     plant_.configure(writing);
-    plant_.folder().write("writer.lua", kProgram);
+    plant_.folder().write("writer.lua", kThreeItems);
     ASSERT_TRUE(plant_.start());
     ASSERT_TRUE(plant_.waitForValue(plant_.itemId(pathOf(3)), "5000.75"));
     ASSERT_EQ(plant_.host().stop(), 0) << plant_.host().log();
@@ -66,9 +66,10 @@ class RestartTest : public ::testing::Test {
 
   static Samples written(int id) {
     Samples samples;
-    for (int n = 1; n <= kCount; ++n) {
+    for (int n = 1; n <= kSamplesPerItem; ++n) {
       std::string value = std::to_string(n) + "." + std::to_string(id * 25);
-      samples.push_back({kBegin + 10 * n, value.substr(0, value.find_last_not_of('0') + 1), 0});
+      samples.push_back(
+          {kHistoryBegin + 10 * n, value.substr(0, value.find_last_not_of('0') + 1), 0});
     }
     return samples;
   }
@@ -96,8 +97,8 @@ TEST_F(RestartTest, TheWholeHistoryIsThere) {
 
 TEST_F(RestartTest, WhatWasReadOnceComesFromTheCacheTheNextTime) {
   const std::int64_t id = plant_.itemId(pathOf(1));
-  const std::string range = "\"startTime\":" + std::to_string(kBegin + 10) +
-                            ",\"endTime\":" + std::to_string(kBegin + 10 * kCount);
+  const std::string range = "\"startTime\":" + std::to_string(kHistoryBegin + 10) +
+                            ",\"endTime\":" + std::to_string(kHistoryBegin + 10 * kSamplesPerItem);
   EXPECT_EQ(fileReads(), 0);
   const HistoryReply cold = plant_.client().readRaw(id, range);
   EXPECT_EQ(cold.item().values, written(1));
@@ -127,7 +128,7 @@ TEST_F(RestartTest, ASecondHostAtTheSameStoreIsRefusedAndHarmsNothing) {
   EXPECT_TRUE(reply.item().values.empty());
   EXPECT_EQ(second.stop(), 0);
   Samples stored = plant_.client().readAll(plant_.itemId(pathOf(2)));
-  ASSERT_EQ(stored.size(), static_cast<std::size_t>(kCount + 1));
+  ASSERT_EQ(stored.size(), static_cast<std::size_t>(kSamplesPerItem + 1));
   stored.pop_back();
   expectSame(stored, written(2));
 }

@@ -10,7 +10,7 @@
 namespace orva::test {
 namespace {
 
-constexpr const char* kPath = "Plant/Counter";
+constexpr const char* kCounterPath = "Plant/Counter";
 constexpr std::uint32_t kShutdownEvent = 0x00A80000;
 
 // The block is made once and never again.
@@ -28,17 +28,17 @@ class SignalsTest : public ::testing::Test {
  protected:
   SignalsTest() : plant_(config()) {
     plant_.folder().write("counter.lua", kCounterProgram);
-    if (plant_.start()) id_ = plant_.itemId(kPath);
+    if (plant_.start()) id_ = plant_.itemId(kCounterPath);
   }
 
   static PlantConfig config() {
     PlantConfig config;
-    config.variables = "[" + variable(1, kPath, "Double") + "]";
+    config.variables = "[" + variable(1, kCounterPath, "Double") + "]";
     config.programs = "[" + program("counter", "counter.lua", 2) + "]";
     return config;
   }
 
-  Samples history() const { return plant_.client().readAll(plant_.itemId(kPath)); }
+  Samples history() const { return plant_.client().readAll(plant_.itemId(kCounterPath)); }
   // The whole history has grown by so many samples.
   bool growsBy(std::size_t count) const {
     const std::size_t before = history().size();
@@ -131,7 +131,7 @@ TEST_F(SignalsTest, AFileThatIsWrongWhenReadAgainChangesNothing) {
   plant_.host().signal(SIGHUP);
   EXPECT_TRUE(plant_.host().waitForLog("http: must be an object")) << plant_.host().log();
   EXPECT_TRUE(growsBy(50));
-  EXPECT_EQ(plant_.client().archiveItemId(kPath), id_);
+  EXPECT_EQ(plant_.client().archiveItemId(kCounterPath), id_);
 }
 
 }  // namespace
