@@ -189,7 +189,7 @@ void DataArchiveManager::State::drain(const std::vector<SharedInterval>& interva
 
 void DataArchiveManager::addRequest(const SharedRequest& request, int timeoutMs) {
   // Whoever is told of the completion may let go of the caller's reference.
-  const SharedRequest kept = request;
+  const SharedRequest kept = request->shared_from_this();
   std::vector<SharedInterval> intervals;
   loadFromCache(kept, intervals);
   state_->dispatch(intervals);
@@ -198,7 +198,7 @@ void DataArchiveManager::addRequest(const SharedRequest& request, int timeoutMs)
 }
 
 void DataArchiveManager::syncRead(const SharedRequest& request) {
-  const SharedRequest kept = request;
+  const SharedRequest kept = request->shared_from_this();
   const std::uint32_t clears = state_->clears.load();
   std::vector<SharedInterval> intervals;
   loadFromCache(kept, intervals);

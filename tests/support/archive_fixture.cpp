@@ -14,6 +14,7 @@ namespace {
 template <class Pins>
 std::vector<std::int64_t> times(const Pins& pins) {
   std::vector<std::int64_t> result;
+  result.reserve(pins.size());
   for (const PinPtr& pin : pins) result.push_back(pin->time);
   return result;
 }
@@ -49,6 +50,7 @@ PinPtr realPin(std::int64_t time, double value) {
 
 std::vector<PinPtr> realPins(std::int64_t first, std::size_t count, std::int64_t step) {
   std::vector<PinPtr> pins;
+  pins.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     pins.push_back(realPin(first + static_cast<std::int64_t>(i) * step, static_cast<double>(i)));
   }
@@ -124,7 +126,7 @@ void ArchiveFixture::workerPass() {
 
 archive::SharedRequest requestFor(std::int64_t cacheId, std::int64_t start, std::int64_t end,
                                   std::uint32_t limit) {
-  const auto request = boost::make_shared<archive::Request>();
+  auto request = boost::make_shared<archive::Request>();
   request->options.startTime = start;
   request->options.endTime = end;
   request->addItem(cacheId)->numValuesPerNode = limit;

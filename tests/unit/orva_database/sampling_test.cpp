@@ -213,6 +213,12 @@ TEST(SamplingTest, NanIsNeitherMinimumNorMaximum) {
   EXPECT_EQ(stream.flushed(), Times({0, 2}));
 }
 
+TEST(SamplingTest, NanAfterNanIsLeftOut) {
+  Stream stream;
+  stream.push(0, kNan).push(1, kNan).push(2, kNan);
+  EXPECT_EQ(stream.flushed(), Times({0}));
+}
+
 TEST(SamplingTest, FirstNumberAfterANanIsMinimumAndMaximum) {
   Stream stream;
   stream.push(0, kNan).push(1, 5).push(2, 6);
