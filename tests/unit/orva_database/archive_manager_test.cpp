@@ -15,7 +15,7 @@
 #include "support/archive_fixture.h"
 #include "support/trace_capture.h"
 
-namespace orva::archive {
+namespace orva::archive::archive_manager_test {
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -548,4 +548,4 @@ TEST_F(ArchiveManagerTest, UnknownCacheIdHasNoItem) {
 }
 
 }  // namespace
-}  // namespace orva::archive
+}  // namespace orva::archive::archive_manager_test

@@ -13,7 +13,7 @@
 #include "support/archive_fixture.h"
 #include "support/trace_capture.h"
 
-namespace orva::archive {
+namespace orva::archive::archive_reads_test {
 namespace {
 
 using Times = std::vector<std::int64_t>;
@@ -361,7 +361,7 @@ TEST_F(ArchiveReadsTest, WhatIsThrownAfterTheAnswerTakesNothingFromIt) {
   EXPECT_EQ(traces.countContaining("after finalize"), 0);
 }
 
-TEST_F(ArchiveReadsTest, DroppedReadCompletesWithoutItsValues) {
+TEST_F(ArchiveReadsTest, ReadThatItsArchiveDropsStaysOpen) {
   start();
   const std::int64_t cacheId = makeLoad();
   archive().setScript({When::dropped});
@@ -830,4 +830,4 @@ TEST_F(ArchiveReadsTest, ReadersWritersAndReconfigurationRunTogether) {
 }
 
 }  // namespace
-}  // namespace orva::archive
+}  // namespace orva::archive::archive_reads_test

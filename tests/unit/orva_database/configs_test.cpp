@@ -5,7 +5,7 @@
 #include "share/archive_configs.h"
 #include "support/trace_capture.h"
 
-namespace orva::archive {
+namespace orva::archive::configs_test {
 namespace {
 
 json::Document parsed(const std::string& source) {
@@ -185,4 +185,4 @@ TEST(ConnectionCfgTest, CopiesOwnTheirText) {
 }
 
 }  // namespace
-}  // namespace orva::archive
+}  // namespace orva::archive::configs_test

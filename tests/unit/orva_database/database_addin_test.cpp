@@ -15,7 +15,7 @@
 #include "support/archive_fixture.h"
 #include "support/trace_capture.h"
 
-namespace orva {
+namespace orva::database_addin_test {
 namespace {
 
 using test::TraceCapture;
@@ -184,4 +184,4 @@ TEST_F(DataBaseAddinTest, AddinRegistersItsLuaLibrary) {
 }
 
 }  // namespace
-}  // namespace orva
+}  // namespace orva::database_addin_test

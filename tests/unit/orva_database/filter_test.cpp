@@ -7,7 +7,7 @@
 #include "share/write_filter.h"
 #include "support/trace_capture.h"
 
-namespace orva::archive {
+namespace orva::archive::filter_test {
 namespace {
 
 const double kNan = std::numeric_limits<double>::quiet_NaN();
@@ -346,4 +346,4 @@ TEST(FilterTest, SilencedBlocksDoNotChangeTheDecision) {
 }
 
 }  // namespace
-}  // namespace orva::archive
+}  // namespace orva::archive::filter_test

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-namespace orva::archive {
+namespace orva::archive::sampling_test {
 namespace {
 
 constexpr std::int64_t kPeriod = 2'000'000;  // ticks, above the threshold of the streaming form
@@ -386,4 +386,4 @@ TEST(SamplingTest, BatchHandsOutTheSamplesThemselves) {
 }
 
 }  // namespace
-}  // namespace orva::archive
+}  // namespace orva::archive::sampling_test
