@@ -31,7 +31,6 @@ void DataArchiveManager::State::attachLayers(std::int64_t cacheId, const ItemKey
   bool hasLayers = pin.layerCount() != 0;
   for (const auto& [layer, target] : layers) {
     if (pin.hasLayer(layer)) continue;
-    if (!hasLayers) pin.forgetLast();  // what came before any layer was never archived
     hasLayers |= attachLayer(cacheId, key, layer, target.first, target.second, pin);
   }
   if (hasLayers && !pin.hasLayer(0) && unfiltered.insert(cacheId).second) {
@@ -53,6 +52,7 @@ bool DataArchiveManager::State::attachLayer(std::int64_t cacheId, const ItemKey&
     return false;
   }
   IDataArchive& archive = *provider->archive();
+  if (pin.layerCount() == 0) pin.forgetLast();  // what came before any layer was never archived
   if (layer == 0) pin.setFilter(archive.filter());
   pin.addLayer(archive.layerWriter(key, layer, parameter), layer);
   layerArchives[{cacheId, layer}] = archiveNumber;

@@ -101,9 +101,10 @@ void DataArchiveManager::clear() {
       guarded("IDataArchiveProc::stop", [&archive = *provider] { archive.stop(); });
     }
     state_->cfg = json::Document();
+    // Before init() may run again: reads of the archives that it starts are not concerned.
+    ++state_->clears;
   }
   State::releaseWaiters(waiters);
-  ++state_->clears;
 }
 
 void DataArchiveManager::State::forgetAll(std::map<std::int32_t, Provider>& oldArchives,

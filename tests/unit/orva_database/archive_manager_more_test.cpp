@@ -1,0 +1,80 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <thread>
+
+#include "orva_database/pin.h"
+#include "share/archive_manager.h"
+#include "share/ticks.h"
+#include "support/archive_fixture.h"
+#include "support/trace_capture.h"
+
+namespace orva::archive {
+namespace {
+
+using test::realPin;
+using test::requestFor;
+using test::TraceCapture;
+
+class ArchiveManagerMoreTest : public test::ArchiveFixture {};
+
+TEST_F(ArchiveManagerMoreTest, LookingUpAnItemThatNoArchiveServesKeepsItsLastSample) {
+  start();
+  describeItem(1, "Plant/Load", {{0, {4, 0}}});
+  TraceCapture traces;
+  const std::int64_t cacheId = manager().createPinCache({1, "Plant/Load"});
+  *pin(cacheId) << realPin(100, 1);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(manager().createPinCache({1, "Plant/Load"}), cacheId);
+    ASSERT_TRUE(pin(cacheId)->last());
+    EXPECT_EQ(pin(cacheId)->last()->time, 100);
+  }
+}
+
+TEST_F(ArchiveManagerMoreTest, LayersThatAreServedForgetTheLastSampleOnce) {
+  describeItem(1, "Plant/Load", {{0, {0, 0}}, {1, {4, 0}}, {2, {0, 0}}});
+  TraceCapture traces;
+  const std::int64_t cacheId = manager().createPinCache({1, "Plant/Load"});
+  *pin(cacheId) << realPin(100, 1);
+  start();
+  EXPECT_FALSE(pin(cacheId)->last());
+  EXPECT_EQ(pin(cacheId)->layerCount(), 2U);
+  *pin(cacheId) << realPin(50, 1);
+  manager().createPinCache({1, "Plant/Load"});  // layer 1 is still not served
+  ASSERT_TRUE(pin(cacheId)->last());
+  EXPECT_EQ(pin(cacheId)->last()->time, 50);
+}
+
+// Told of a time-out by the very clear() that ends the archives, a client starts them anew and
+// reads: that read belongs to the new archives.
+TEST_F(ArchiveManagerMoreTest, ReadBegunWhileClearTellsTheWaitersIsNotReleasedByIt) {
+  clock.setAutoAdvance(false);
+  start();
+  archive().setScript({test::When::never});
+  const SharedRequest waiting = requestFor(makeItem(1));
+  SharedRequest fresh;
+  std::thread reader;
+  waiting->setTimeoutListener([&](const SharedRequest&) {
+    start();
+    archive(1).setScript({test::When::held});
+    fresh = requestFor(makeItem(1));
+    reader = std::thread([&fresh] { manager().syncRead(fresh); });
+    ASSERT_TRUE(archive(1).waitForHeld(1));
+  });
+  manager().addRequest(waiting, 60000);
+  TraceCapture traces;
+  manager().clear();
+  ASSERT_TRUE(reader.joinable());
+  while (clock.waitsBegun() == 0) std::this_thread::yield();
+  clock.advance(100 * kTicksPerMillisecond);
+  // It looks round, and either goes on waiting or has given up.
+  while (fresh->status() == status::kBadWaiting && clock.waitsBegun() == 1) {
+    std::this_thread::yield();
+  }
+  archive(1).releaseAll();
+  reader.join();
+  EXPECT_EQ(fresh->status(), status::kGood);
+}
+
+}  // namespace
+}  // namespace orva::archive
