@@ -6,8 +6,8 @@
 #include <string>
 
 #include "model/model_options.h"
+#include "model/silence.h"
 #include "model/world.h"
-#include "orva_host/trace_log.h"
 
 // Whatever the cache holds, has evicted or is fetching: a read answers what a plain sorted list of
 // everything accepted would answer.
@@ -15,18 +15,6 @@
 namespace orva::model {
 
 namespace {
-
-// Swallows the lines about pushes that come too late.
-class Silence final : public host::TraceHook {
- public:
-  Silence() { host::setTraceHook(this); }
-  ~Silence() override { host::setTraceHook(nullptr); }
-  void onLine(const host::TraceLine&) override { ++lines_; }
-  std::uint64_t lines() const { return lines_; }
-
- private:
-  std::uint64_t lines_ = 0;
-};
 
 // What is wrong in the world of this seed; empty when nothing is.
 std::string runWorld(std::uint64_t seed, std::uint64_t operations, bool log, Counts& counts) {
