@@ -28,7 +28,7 @@ forbid 'includes are rooted' "$quoted\.\.?/" addins host include tests bench
 
 standard='std::(recursive_|shared_|timed_)*mutex|std::(lock_guard|unique_lock|scoped_lock|shared_lock)'
 forbid 'locks are orva::Mutex and orva::MutexLock, which clang can check' "$standard" \
-  addins host include ':!include/share/mutex.h' ':!include/share/signal.h'
+  addins host include ':!include/share/mutex.h' ':!include/share/condition.h'
 forbid 'RapidJSON comes by way of share/json.h' '^ *# *include *<rapidjson/(document|reader)\.h>' \
   addins host include tests bench ':!include/share/json.h'
 

@@ -25,7 +25,7 @@ void Signal::notify() {
     MutexLock lock(mutex_);
     ++count_;
   }
-  changed_.notify_all();
+  changed_.notifyAll();
 }
 
 bool Signal::wait(std::uint64_t seen, long long ticks) {
@@ -33,12 +33,14 @@ bool Signal::wait(std::uint64_t seen, long long ticks) {
   return waitReal(seen, ticks);
 }
 
-bool Signal::waitReal(std::uint64_t seen, long long ticks) NO_THREAD_SAFETY_ANALYSIS {
-  // The analysis does not know std::unique_lock; it holds mutex_ whenever the predicate runs.
-  const std::chrono::nanoseconds limit(std::clamp(ticks, 0LL, kLongestWaitTicks) * 100);
-  std::unique_lock<std::mutex> lock(mutex_.native());
-  return changed_.wait_for(lock, limit,
-                           [this, seen]() NO_THREAD_SAFETY_ANALYSIS { return count_ != seen; });
+bool Signal::waitReal(std::uint64_t seen, long long ticks) {
+  const auto end = Condition::Clock::now() +
+                   std::chrono::nanoseconds(std::clamp(ticks, 0LL, kLongestWaitTicks) * 100);
+  MutexLock lock(mutex_);
+  while (count_ == seen) {
+    if (!changed_.waitUntil(mutex_, end)) return count_ != seen;
+  }
+  return true;
 }
 
 }  // namespace orva

@@ -2,16 +2,15 @@
 
 namespace orva::host {
 
-// The analysis does not follow a lock that a condition variable lets go and takes again.
-void Gate::wait() NO_THREAD_SAFETY_ANALYSIS {
-  std::unique_lock<std::mutex> lock(mutex_.native());
-  while (!open_) opened_.wait(lock);
+void Gate::wait() {
+  const MutexLock lock(mutex_);
+  while (!open_) opened_.wait(mutex_);
 }
 
-bool Gate::waitUntil(Clock::time_point until) NO_THREAD_SAFETY_ANALYSIS {
-  std::unique_lock<std::mutex> lock(mutex_.native());
+bool Gate::waitUntil(Clock::time_point until) {
+  const MutexLock lock(mutex_);
   while (!open_) {
-    if (opened_.wait_until(lock, until) == std::cv_status::timeout) break;
+    if (!opened_.waitUntil(mutex_, until)) break;
   }
   return open_;
 }

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 
+#include "share/condition.h"
 #include "share/mutex.h"
 
 namespace orva::host {
@@ -17,7 +17,7 @@ class Gate {
     // Told under the lock: whoever waits may destroy the gate as soon as it is open.
     const MutexLock lock(mutex_);
     open_ = true;
-    opened_.notify_all();
+    opened_.notifyAll();
   }
   bool isOpen() const EXCLUDES(mutex_) {
     const MutexLock lock(mutex_);
@@ -30,7 +30,7 @@ class Gate {
 
  private:
   mutable Mutex mutex_;  // leaf
-  std::condition_variable opened_;
+  Condition opened_;
   bool open_ GUARDED_BY(mutex_) = false;
 };
 

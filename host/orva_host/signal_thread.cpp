@@ -41,19 +41,18 @@ void SignalThread::run() {
     if (signal == kWakeUp) continue;  // from outside: means nothing here
     MutexLock lock(mutex_);
     signals_.push_back(signal);
-    arrived_.notify_one();
+    arrived_.notifyOne();
   }
 }
 
-// The condition variable needs the mutex itself, which clang cannot follow.
-int SignalThread::next(std::optional<std::chrono::steady_clock::time_point> end)
-    NO_THREAD_SAFETY_ANALYSIS {
-  std::unique_lock<std::mutex> lock(mutex_.native());
-  const auto hasSignal = [this]() NO_THREAD_SAFETY_ANALYSIS { return !signals_.empty(); };
-  if (!end) {
-    arrived_.wait(lock, hasSignal);
-  } else if (!arrived_.wait_until(lock, *end, hasSignal)) {
-    return 0;
+int SignalThread::next(std::optional<std::chrono::steady_clock::time_point> end) {
+  const MutexLock lock(mutex_);
+  while (signals_.empty()) {
+    if (!end) {
+      arrived_.wait(mutex_);
+    } else if (!arrived_.waitUntil(mutex_, *end) && signals_.empty()) {
+      return 0;
+    }
   }
   const int signal = signals_.front();
   signals_.pop_front();

@@ -2,11 +2,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <optional>
 #include <thread>
 
+#include "share/condition.h"
 #include "share/mutex.h"
 
 namespace orva::host {
@@ -29,7 +29,7 @@ class SignalThread {
   void run() EXCLUDES(mutex_);
 
   Mutex mutex_;
-  std::condition_variable arrived_;
+  Condition arrived_;
   std::deque<int> signals_ GUARDED_BY(mutex_);
   std::atomic<bool> ending_{false};
   std::thread thread_;

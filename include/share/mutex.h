@@ -17,7 +17,7 @@ class CAPABILITY("mutex") Mutex {
   bool try_lock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
   void unlock() RELEASE() { mutex_.unlock(); }
 
-  // For condition variables only (see Signal).
+  // For Condition only.
   std::mutex& native() { return mutex_; }
 
  private:

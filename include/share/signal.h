@@ -1,8 +1,8 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 
+#include "share/condition.h"
 #include "share/mutex.h"
 #include "share/orva_export.h"
 
@@ -40,7 +40,7 @@ class ORVA_API Signal {
 
  private:
   mutable Mutex mutex_;  // leaf
-  std::condition_variable changed_;
+  Condition changed_;
   std::uint64_t count_ GUARDED_BY(mutex_) = 0;
 };
 
