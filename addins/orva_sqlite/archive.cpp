@@ -31,8 +31,7 @@ PinPtr storable(const PinPtr& pin) {
 }  // namespace
 
 Archive::Archive(const archive::ArchiveCfg& limits, const archive::ConnectionCfg& connection)
-    : bufferSize_(limits.writeBufferSize),
-      catalog_(*this),
+    : catalog_(*this),
       buffer_(limits.writeBufferSize, limits.maxWriteValues, wake_),
       readers_(readersOf(connection)),
       damage_(counters_),

@@ -56,7 +56,6 @@ class Archive final : public archive::IDataArchive, private Intake {
   void refuse(const Stream& stream, const PinPtr& pin);
 
   archive::Filter filter_;  // unchanged after loadFilter()
-  const std::uint32_t bufferSize_;
   Counters counters_;
   Signal wake_;
   Signal progress_;

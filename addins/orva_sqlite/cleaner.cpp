@@ -29,7 +29,7 @@ void Cleaner::start(std::int64_t now) {
   streams_ = catalog_.streams();
   next_ = 0;
   phase_ = maxTime_ > 0 ? Phase::kAge : Phase::kSize;
-  cutoff_ = now < kEarliest + maxTime_ ? kEarliest : now - maxTime_;
+  cutoff_ = maxTime_ <= 0 || now < kEarliest + maxTime_ ? kEarliest : now - maxTime_;
 }
 
 bool Cleaner::step() {

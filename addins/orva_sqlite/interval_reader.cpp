@@ -159,9 +159,9 @@ void IntervalReader::answerMerged(archive::Interval& interval, const std::vector
   IntervalSink sink(interval, counters_);
   bool more = true;
   for (std::size_t at = 0; more && at < all.size();) {
-    const std::size_t count = std::min<std::uint64_t>({500, sink.room(), all.size() - at});
-    more = sink.take(all.data() + at, count);
-    at += count;
+    const auto count = std::min<std::uint64_t>({500, sink.room(), all.size() - at});
+    more = sink.take(all.data() + at, static_cast<std::size_t>(count));
+    at += static_cast<std::size_t>(count);
   }
   if (more) push(interval, right);
 }

@@ -226,12 +226,17 @@ std::size_t SegmentWriter::deleteFirstSegment(const Stream& stream, std::size_t 
   }
   const std::size_t old = static_cast<std::size_t>(row->count) - (isNewest ? 1 : 0);
   const std::size_t deleted = deleteFrom(stream, *row, std::min(old, budget));
+  if (deleted == 0) return 0;  // a damaged row's count may be anything
   bytes += row->size * static_cast<std::int64_t>(deleted) / row->count;
   return deleted;
 }
 
 // Takes the oldest `count` samples out of a row.
 std::size_t SegmentWriter::deleteFrom(const Stream& stream, const Segment& row, std::size_t count) {
+  if (row.count <= 0) {
+    setApart(stream, row, Decoded::kDamaged);
+    return 0;
+  }
   if (count == 0) return 0;
   if (count == static_cast<std::size_t>(row.count)) {
     store_.remove(row.id);

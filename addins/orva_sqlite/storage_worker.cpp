@@ -19,6 +19,12 @@ std::int64_t bytesOfMegabytes(std::uint32_t megabytes) {
   return std::int64_t{megabytes} * 1'000'000;
 }
 
+// What is left of a period, 1 at least. A configured period may be any number.
+std::int64_t ticksLeft(std::int64_t period, std::int64_t since, std::int64_t now) {
+  const std::int64_t gone = std::max<std::int64_t>(0, now - since);
+  return period > gone ? period - gone : 1;
+}
+
 StoreParameters parametersOf(const archive::ConnectionCfg& connection) {
   std::vector<std::string> problems;
   StoreParameters parameters = parseStoreParameters(connection.parameters, problems);
@@ -174,7 +180,9 @@ bool StorageWorker::load() {
     key = *next;
     const auto item = byRow_.find(key.handle);
     if (item == byRow_.end()) {
-      report("has segments of an item " + std::to_string(key.handle) + " that it does not name");
+      OpcUa_Trace_Imp(
+          kTraceError, "sqlite: archive \"%s\": segments of item %lld, which has no name\n",
+          __FILE__, __LINE__, location_.file().c_str(), static_cast<long long>(key.handle));
     } else if (!loadStream(key, *item->second)) {
       break;
     }
@@ -320,15 +328,15 @@ std::int64_t StorageWorker::pass() {
 }
 
 std::int64_t StorageWorker::ticksToNext(std::int64_t now) const {
-  if (failedAt_ != 0) return std::max<std::int64_t>(1, failedAt_ + retryTicks_ - now);
+  if (failedAt_ != 0) return ticksLeft(retryTicks_, failedAt_, now);
   std::int64_t ticks = kTicksPerHour;
   if (buffer_.waiting() > 0) {
-    ticks = std::min(ticks, buffer_.waitingSince() + limits_.writePeriod - now);
+    ticks = std::min(ticks, ticksLeft(limits_.writePeriod, buffer_.waitingSince(), now));
   }
   if (limits_.cleanupPeriod > 0) {
-    ticks = std::min(ticks, cleanedAt_ + limits_.cleanupPeriod - now);
+    ticks = std::min(ticks, ticksLeft(limits_.cleanupPeriod, cleanedAt_, now));
   }
-  return std::max<std::int64_t>(1, ticks);
+  return ticks;
 }
 
 // ---- on demand

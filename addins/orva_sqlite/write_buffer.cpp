@@ -42,7 +42,12 @@ bool WriteBuffer::offer(BufferedStream& stream, const PinPtr& pin) {
     MutexLock lock(mutex_);
     const std::size_t waitingNow = static_cast<std::size_t>(nextNumber_ - headNumber_);
     if (waitingNow >= capacity_) return false;
-    if (stream.waiting_.empty()) dirty_.push_back(&stream);
+    if (stream.waiting_.empty()) {
+      dirty_.push_back(&stream);
+      stream.ascending_ = true;
+    } else if (pin->time < stream.waiting_.back().pin->time) {
+      stream.ascending_ = false;
+    }
     stream.waiting_.push_back({nextNumber_++, pin});
     if (waitingNow == 0) since_ = getInt64FileTime();
     wake = waitingNow == 0 || waitingNow + 1 == wakeAt_;
@@ -118,8 +123,8 @@ std::size_t WriteBuffer::committed(bool done) {
   std::vector<PinPtr> released;  // freed outside the lock
   MutexLock lock(mutex_);
   ++epoch_;
+  if (!done) return 0;  // the marker stays: a commit that failed may be in the file all the same
   marker_ = 0;
-  if (!done) return 0;
   for (BufferedStream* const stream : batchStreams_) {
     for (PinPtr& pin : stream->inFlight_) released.push_back(std::move(pin));
     emptyOut(stream->inFlight_);
@@ -161,9 +166,18 @@ void WriteBuffer::snapshot(const BufferedStream& stream, std::int64_t from, std:
   for (const PinPtr& pin : stream.inFlight_) {
     if (inside(pin, from, to)) out.inFlight.push_back(pin);
   }
-  for (std::size_t i = stream.taken_; i < stream.waiting_.size(); ++i) {
-    const PinPtr& pin = stream.waiting_[i].pin;
-    if (inside(pin, from, to)) out.waiting.push_back(pin);
+  auto entry = stream.waiting_.begin() + static_cast<std::ptrdiff_t>(stream.taken_);
+  if (stream.ascending_) {
+    // A long queue must not be walked through, under the lock, for its last few samples.
+    entry = std::partition_point(entry, stream.waiting_.end(),
+                                 [from](const auto& e) { return e.pin->time < from; });
+  }
+  for (; entry != stream.waiting_.end(); ++entry) {
+    if (inside(entry->pin, from, to)) {
+      out.waiting.push_back(entry->pin);
+    } else if (stream.ascending_) {
+      break;
+    }
   }
   out.stored = stream.stored_;
   out.epoch = epoch_;

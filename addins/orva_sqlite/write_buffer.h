@@ -37,6 +37,7 @@ class BufferedStream {
   };
   std::vector<Entry> waiting_;    // in its first `taken_` places nothing is left
   std::size_t taken_ = 0;         // 0 when nothing waits
+  bool ascending_ = true;         // whether the waiting samples are in ascending time
   std::vector<PinPtr> inFlight_;  // in the transaction that is being made, or is to be tried again
   // Never smaller than what a read may find in the file.
   Span stored_;

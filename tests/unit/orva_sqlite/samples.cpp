@@ -74,10 +74,11 @@ class Series {
       case 6:
         return integerValue(&OpcUa_VariantHlp::SetBool, r % 7 == 0);
       case 7:
-        return textValue(r % 3 == 0 ? std::string(r % 60, static_cast<char>(r >> 8)) : "state");
+        return textValue(r % 3 == 0 ? std::string(below(random_, 60), static_cast<char>(r >> 8))
+                                    : "state");
       case 8: {
         const auto all = extremeValues();
-        return all[r % all.size()];
+        return all[below(random_, all.size())];
       }
       default:
         return integerValue(&OpcUa_VariantHlp::SetInt, static_cast<std::int32_t>(r % 5));
@@ -119,6 +120,10 @@ bool sameText(const OpcUa_String* a, const OpcUa_String* b) {
 }
 
 }  // namespace
+
+std::size_t below(std::mt19937_64& random, std::size_t limit) {
+  return limit == 0 ? 0 : static_cast<std::size_t>(random() % limit);
+}
 
 OpcUa_VariantHlp realValue(double v) {
   OpcUa_VariantHlp value;

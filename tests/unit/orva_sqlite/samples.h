@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <random>
 #include <string>
@@ -10,6 +11,9 @@
 // Samples for the tests of the SQLite provider.
 
 namespace orva::sqlite::test {
+
+// A random number below `limit`; 0 for 0.
+std::size_t below(std::mt19937_64& random, std::size_t limit);
 
 OpcUa_VariantHlp realValue(double v);
 OpcUa_VariantHlp textValue(const std::string& v);
