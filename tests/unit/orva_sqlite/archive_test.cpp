@@ -327,7 +327,6 @@ TEST_F(ArchiveTest, OlderSamplesAfterARestartFindTheirPlace) {
 }
 
 TEST_F(ArchiveTest, AYearOfSamplesBeforeOneFromTheFutureStaysCheap) {
-  connection_.parameters = "synchronous=OFF";
   open();
   write(second(0), 0);
   write(second(100'000'000), -1);
@@ -367,7 +366,6 @@ TEST_F(ArchiveTest, ThousandsOfSamplesOfOneTimeKeepTheirOrder) {
 
 TEST_F(ArchiveTest, SmallSegmentsAreJoinedInTheBackground) {
   limits_.writePeriod = 0;
-  connection_.parameters = "synchronous=OFF";
   open();
   for (int i = 0; i < 5000; ++i) {
     write(second(i), i % 50);
@@ -386,7 +384,6 @@ TEST_F(ArchiveTest, SmallSegmentsAreJoinedInTheBackground) {
 
 TEST_F(ArchiveTest, JoiningGoesOnAfterARestart) {
   limits_.writePeriod = 0;
-  connection_.parameters = "synchronous=OFF";
   for (int i = 0; i < 200; ++i) {
     if (i % 5 == 0) open();
     write(second(i), i);
@@ -742,7 +739,7 @@ TEST_F(ArchiveTest, UnreadablePagesInUseEndInANewFileThatTakesSamples) {
     // Every page but the first few is overwritten.
     std::fstream file(folder_ / "archive.db", std::ios::in | std::ios::out | std::ios::binary);
     file.seekp(4096 * 6);
-    const auto size = fs::file_size(folder_ / "archive.db");
+    const auto size = static_cast<std::size_t>(fs::file_size(folder_ / "archive.db"));
     file << std::string(size - 4096 * 6, '\x5A');
   }
   open();
@@ -762,6 +759,7 @@ TEST_F(ArchiveTest, UnreadablePagesInUseEndInANewFileThatTakesSamples) {
 // ---- parameters
 
 TEST_F(ArchiveTest, ParametersSayHowSafelyATransactionIsWritten) {
+  connection_.parameters.clear();
   open();
   EXPECT_EQ(worker().store().db().number("PRAGMA synchronous"), 2);
   EXPECT_EQ(textInFile("PRAGMA journal_mode"), "wal");

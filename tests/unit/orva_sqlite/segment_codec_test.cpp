@@ -82,7 +82,7 @@ TEST(IntegerColumnTest, AnyNumbersComeBackWhateverTheirSize) {
   std::mt19937_64 random(4711);
   IntegerEncoder encoder;
   for (int round = 0; round < 3000; ++round) {
-    const std::size_t count = random() % 400;
+    const std::size_t count = below(random, 400);
     const unsigned width = static_cast<unsigned>(random() % 65);
     const int rareWidth = static_cast<int>(random() % 65);
     std::vector<std::int64_t> values(count);
@@ -184,7 +184,7 @@ class RandomSegmentTest : public ::testing::TestWithParam<int> {};
 TEST_P(RandomSegmentTest, ComesBackBitForBit) {
   std::mt19937_64 random(static_cast<std::uint64_t>(GetParam()));
   for (int round = 0; round < 60 && !HasFailure(); ++round) {
-    roundTrip(randomSamples(random, kNow, 1 + random() % 1500));
+    roundTrip(randomSamples(random, kNow, 1 + below(random, 1500)));
   }
 }
 
@@ -237,11 +237,11 @@ TEST(SegmentCodecTest, WrongFieldsUnderARightChecksumDoNoHarm) {
   SegmentDecoder decoder;
   std::size_t refused = 0;
   for (int round = 0; round < 6000; ++round) {
-    Bytes bytes = encoded(randomSamples(random, kNow, 1 + random() % 200));
+    Bytes bytes = encoded(randomSamples(random, kNow, 1 + below(random, 200)));
     for (std::uint64_t change = 0; change < 1 + random() % 4; ++change) {
-      bytes[5 + random() % (bytes.size() - 5)] = static_cast<std::uint8_t>(random());
+      bytes[5 + below(random, bytes.size() - 5)] = static_cast<std::uint8_t>(random());
     }
-    if (random() % 4 == 0) bytes.resize(5 + random() % (bytes.size() - 5));
+    if (random() % 4 == 0) bytes.resize(5 + below(random, bytes.size() - 5));
     const std::uint32_t sum =
         crc32c(crc32c(0, bytes.data(), 1), bytes.data() + 5, bytes.size() - 5);
     std::memcpy(bytes.data() + 1, &sum, sizeof sum);
