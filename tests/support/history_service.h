@@ -13,6 +13,11 @@
 
 namespace orva::test {
 
+// A time to begin with, and the same in milliseconds since 1970.
+constexpr std::int64_t kT0 = 133'604'064'000'000'000;
+constexpr std::int64_t kMs0 = 1'715'932'800'000;
+constexpr std::int64_t kSecond = 10'000'000;
+
 // A reply of a JSON method.
 struct Reply {
   StatusCode status = 0;
@@ -57,7 +62,7 @@ class HistoryService {
 };
 
 // `count` samples, `step` ticks apart, with the values 0, 1, 2 ...
-std::vector<PinPtr> steps(std::int64_t first, int count, std::int64_t step = 10'000'000);
+std::vector<PinPtr> steps(std::int64_t first, int count, std::int64_t step = kSecond);
 PinPtr number(std::int64_t time, double value);
 PinPtr word(std::int64_t time, const std::string& value);
 

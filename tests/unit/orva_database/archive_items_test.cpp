@@ -161,6 +161,15 @@ TEST_F(GetArchiveItemsTest, IdsOfAllSixtyFourBitsAreToldApart) {
   }
 }
 
+TEST_F(GetArchiveItemsTest, AnIdWithThePathOfAnotherVariableIsNotResolved) {
+  service.addVariable(7, "Plant/Load");
+  service.addVariable(8, "Plant/T1");
+  const Reply reply = list(R"({"items":[{"itemId":8,"path":"Plant/Load"}]})");
+  EXPECT_EQ(reply.status, 0x80420000U);
+  EXPECT_EQ(reply.item("items", 0)["archiveItemId"].GetInt64(), -1);
+  EXPECT_EQ(cachedItems(), 0U);
+}
+
 TEST_F(GetArchiveItemsTest, MadeUpPathsMakeNoItems) {
   service.addItem(7, "Plant/Load");
   for (int batch = 0; batch < 100; ++batch) {

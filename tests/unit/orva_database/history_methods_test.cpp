@@ -9,7 +9,6 @@
 
 #include "orva_database/cache.h"
 #include "share/archive_manager.h"
-#include "share/ticks.h"
 #include "support/history_service.h"
 
 namespace orva {
@@ -17,15 +16,14 @@ namespace {
 
 using archive::DataArchiveManager;
 using test::HistoryService;
+using test::kMs0;
+using test::kSecond;
+using test::kT0;
 using test::number;
 using test::Reply;
 using test::Script;
 using test::steps;
 using test::When;
-
-constexpr std::int64_t kT0 = 133'604'064'000'000'000;  // 1715932800000 ms since 1970
-constexpr std::int64_t kMs0 = 1'715'932'800'000;
-constexpr std::int64_t kSecond = kTicksPerSecond;
 
 std::string idBody(std::int64_t id, const std::string& parameters = "{}", std::int64_t point = 0) {
   return "{\"data\":[{\"archiveItemId\":" + std::to_string(id) +

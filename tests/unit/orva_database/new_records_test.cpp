@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "share/archive_manager.h"
-#include "share/ticks.h"
 #include "support/history_service.h"
 
 namespace orva {
@@ -16,6 +15,8 @@ namespace {
 
 using archive::DataArchiveManager;
 using test::HistoryService;
+using test::kSecond;
+using test::kT0;
 using test::number;
 using test::Reply;
 using test::Script;
@@ -23,8 +24,6 @@ using test::steps;
 using test::When;
 using test::word;
 
-constexpr std::int64_t kT0 = 133'604'064'000'000'000;
-constexpr std::int64_t kSecond = kTicksPerSecond;
 const archive::ItemKey kLoad{7, "Plant/Load"};
 
 std::string element(const std::string& path, std::int64_t randId, std::int64_t point) {
@@ -356,6 +355,18 @@ TEST_F(ReadNewRecordsTest, LaterItemsKeepTheRoomToBeClosed) {
     EXPECT_EQ(reply.item("items", i)["randID"].GetInt64(), i);
     EXPECT_TRUE(reply.item("items", i)["areMoreValues"].GetBool());
   }
+}
+
+TEST_F(ReadNewRecordsTest, ABudgetCutsThroughTheFirstTimeWhichMightNeverFit) {
+  std::vector<PinPtr> pins;
+  for (int i = 0; i < 100; ++i) pins.push_back(number(kT0, i));
+  archived(pins);
+  const Reply reply =
+      service.callBuffer("ReadNewRecords", bodyOf(element("Plant/Load", 5, 0)), 600);
+  const json::Value& item = reply.item("items", 0);
+  EXPECT_GT(item["values"].Size(), 10U);
+  EXPECT_TRUE(item["areMoreValues"].GetBool());
+  EXPECT_EQ(item["continuationPoint"].GetInt64(), kT0 + 1);
 }
 
 TEST_F(ReadNewRecordsTest, ABudgetDoesNotCutThroughEqualTimes) {

@@ -14,7 +14,7 @@ namespace {
 using test::TraceCapture;
 using Options = Request::Options;
 
-json::Document parsed(const std::string& text) {
+json::Document documentOf(const std::string& text) {
   json::Document document;
   document.Parse(text.c_str());
   EXPECT_FALSE(document.HasParseError()) << text;
@@ -22,7 +22,7 @@ json::Document parsed(const std::string& text) {
 }
 
 Options options(const std::string& parameters, Options from = {}) {
-  from.fromJson(parsed(parameters));
+  from.fromJson(documentOf(parameters));
   return from;
 }
 
@@ -33,7 +33,7 @@ std::string jsonOf(const Options& options) {
   return text.GetString();
 }
 
-SharedRequest made(const std::string& body) { return Request::make(parsed(body)); }
+SharedRequest made(const std::string& body) { return Request::make(documentOf(body)); }
 
 std::vector<std::int64_t> idsOf(const SharedRequest& request) {
   std::vector<std::int64_t> ids;
