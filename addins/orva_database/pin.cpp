@@ -46,10 +46,21 @@ archive::Filter CachedItem::filter() const {
 
 CachedItem& CachedItem::operator<<(const PinPtr& sample) {
   MutexLock lock(mutex_);
-  if (!filter_(last_, sample)) return *this;
+  accept(sample);
+  return *this;
+}
+
+bool CachedItem::write(const PinPtr& sample) {
+  MutexLock lock(mutex_);
+  if (stopped_) return false;
+  accept(sample);
+  return true;
+}
+
+void CachedItem::accept(const PinPtr& sample) {
+  if (!filter_(last_, sample)) return;
   last_ = sample;
   for (auto& [number, layer] : layers_) layer << sample;
-  return *this;
 }
 
 void CachedItem::load(const archive::SharedItem& item, const Options& options) {

@@ -46,6 +46,9 @@ class CachedItem {
   // A new sample: if the filter accepts it, it becomes the last one and goes to every layer in
   // ascending order.
   CachedItem& operator<<(const PinPtr& sample) EXCLUDES(mutex_);
+  // The same, unless the item is stopped: then nothing happens and the result is false, so that a
+  // writer which holds the item for long can go to its successor without losing the sample.
+  bool write(const PinPtr& sample) EXCLUDES(mutex_);
 
   // Answers from the layer that the options name; a layer the item does not have leaves the
   // request untouched.
@@ -76,6 +79,7 @@ class CachedItem {
   }
 
  private:
+  void accept(const PinPtr& sample) REQUIRES(mutex_);
   void listenForEdges(const archive::SharedItem& item) REQUIRES(mutex_);
   void drainLearnt() const REQUIRES(mutex_);
 

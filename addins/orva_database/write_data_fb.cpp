@@ -109,6 +109,11 @@ bool WriteDataFB::holdsPin() {
   return true;
 }
 
+// The item may be stopped by another thread at any moment; then its successor gets the sample.
+void WriteDataFB::push(const PinPtr& sample) {
+  if (!pin->write(sample) && holdsPin()) pin->write(sample);
+}
+
 void WriteDataFB::Execute() {
   if (!holdsPin() || !pin->filter().blocksWrite) return;
   const std::int64_t now = getInt64FileTime();
@@ -120,7 +125,7 @@ void WriteDataFB::Execute() {
   }
   if (sample->time == 0) sample->time = now;
   if (isPositiveInfinity(sample->value)) return;
-  *pin << sample;
+  push(sample);
 }
 
 // The value is copied, not moved: what is kept in `lastValue` is the shutdown sample.
@@ -140,7 +145,7 @@ void WriteDataFB::writeShutdownSample() {
   OpcUa_VariantHlp value = lastValue;
   if (value.GetType() == OpcUaType_DataValue) value = value.TakeInnerValue();
   if (isPositiveInfinity(value)) return;
-  *pin << makePin(getInt64FileTime(), std::move(value), status::kGoodShutdownEvent);
+  push(makePin(getInt64FileTime(), std::move(value), status::kGoodShutdownEvent));
 }
 
 int GetGlobalParamValue(const long long& id, OpcUa_VariantHlp& out) {

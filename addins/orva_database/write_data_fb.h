@@ -56,6 +56,7 @@ class WriteDataFB final : public BaseFB<WriteDataFB> {
   void bind();
   void applyOwnFilter();
   bool holdsPin();
+  void push(const PinPtr& sample);
   void fillFromValue(orva::Pin& sample);
   void writeShutdownSample();
 

@@ -354,6 +354,16 @@ TEST_F(CachedItemTest, StopResetsTheFilterAndRemovesTheLayersButKeepsTheLastSamp
   EXPECT_EQ(item->last()->time, 4);
 }
 
+TEST_F(CachedItemTest, WriteTellsThatTheItemIsStoppedAndLeavesItAlone) {
+  item->addLayer(raw, 0);
+  EXPECT_TRUE(item->write(realPin(1, 1)));
+  EXPECT_EQ(log.size(), 1U);
+  item->stop();
+  item->setFilter(everything());
+  EXPECT_FALSE(item->write(realPin(2, 2)));
+  EXPECT_EQ(item->last()->time, 1);
+}
+
 TEST_F(CachedItemTest, StoppedItemWithoutALastSampleAcceptsOne) {
   item->stop();
   append({3, 4});
