@@ -187,7 +187,7 @@ void Request::Item::Interval::take(Item& item, const PinPtr& pin) {
 }
 
 bool Request::Item::Interval::outside(std::int64_t time) const {
-  return time < start_ || (end_ != 0 && time > end_);
+  return (start_ != 0 && time < start_) || (end_ != 0 && time > end_);
 }
 
 // Of a one-value kind: whether `pin` takes the place of the value it has.
@@ -284,10 +284,10 @@ void Request::Item::Interval::drainResampler(Item& item) {
 }
 
 std::uint32_t Request::Item::Interval::availableSpace() const {
+  if (!limit_) return 0x7FFFFFFF;  // whether there is a limit is settled before it is handed out
   const SharedItem item = item_.lock();
   if (!item) return 0;
   MutexLock lock(item->mutex_);
-  if (!limit_) return 0x7FFFFFFF;
   const std::uint64_t used = resamples(*item) ? resampledCount_ : buffer_.size();
   return used < *limit_ ? *limit_ - static_cast<std::uint32_t>(used) : 0;
 }

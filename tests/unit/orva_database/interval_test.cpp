@@ -78,6 +78,13 @@ TEST_F(IntervalTest, NewIntervalAsksForARangeWithoutBounds) {
   EXPECT_EQ(item->addTopInterval(2, 21, 0)->kind(), Kind::range);
 }
 
+TEST_F(IntervalTest, OpenStartTakesSamplesOfAnyAge) {
+  const SharedInterval open = item->addInterval(0, 0, 20);
+  push(open, {{-5, 1}, {3, 2}});
+  open->finalize();
+  EXPECT_EQ(values(), (Values{{-5, 1}, {3, 2}}));
+}
+
 TEST_F(IntervalTest, RangeWantsOneValueMoreThanTheLimit) {
   const SharedInterval interval = item->addInterval(0, 1, 0);
   EXPECT_EQ(interval->wanted(), 0U) << "all";
@@ -558,7 +565,7 @@ TEST_F(IntervalTest, PushIntoARequestThatIsGoneIsIgnored) {
   }
   pushTimes(interval, {2});
   EXPECT_EQ(interval->buffer().size(), 1U);
-  EXPECT_EQ(interval->availableSpace(), 0U);
+  EXPECT_EQ(interval->availableSpace(), 0x7FFFFFFFU) << "nobody set a limit";
   interval->fail(0x80050000);
   interval->finalize();
   EXPECT_TRUE(interval->isFinal());
