@@ -9,7 +9,7 @@
 #include "support/archive_fixture.h"
 #include "support/trace_capture.h"
 
-namespace orva::archive {
+namespace orva::archive::archive_manager_more_test {
 namespace {
 
 using test::realPin;
@@ -65,7 +65,9 @@ TEST_F(ArchiveManagerMoreTest, ReadBegunWhileClearTellsTheWaitersIsNotReleasedBy
   TraceCapture traces;
   manager().clear();
   ASSERT_TRUE(reader.joinable());
-  while (clock.waitsBegun() == 0) std::this_thread::yield();
+  while (fresh->status() == status::kBadWaiting && clock.waitsBegun() == 0) {
+    std::this_thread::yield();
+  }
   clock.advance(100 * kTicksPerMillisecond);
   // It looks round, and either goes on waiting or has given up.
   while (fresh->status() == status::kBadWaiting && clock.waitsBegun() == 1) {
@@ -77,4 +79,4 @@ TEST_F(ArchiveManagerMoreTest, ReadBegunWhileClearTellsTheWaitersIsNotReleasedBy
 }
 
 }  // namespace
-}  // namespace orva::archive
+}  // namespace orva::archive::archive_manager_more_test
