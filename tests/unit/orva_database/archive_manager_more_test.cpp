@@ -78,5 +78,37 @@ TEST_F(ArchiveManagerMoreTest, ReadBegunWhileClearTellsTheWaitersIsNotReleasedBy
   EXPECT_EQ(fresh->status(), status::kGood);
 }
 
+// The 60 s begin anew where the clock was set back to, and end after them, not with them.
+TEST_F(ArchiveManagerMoreTest, LimitOfAReadBeginsAnewWhenTheClockIsSetBack) {
+  constexpr long long kWait = 100 * kTicksPerMillisecond;
+  clock.setAutoAdvance(false);
+  start();
+  archive().setScript({test::When::never});
+  const SharedRequest request = requestFor(makeItem(1));
+  TraceCapture traces;
+  std::thread reader([&request] { manager().syncRead(request); });
+  // Whether the reader begins its n-th wait rather than to give up.
+  const auto waitsAgain = [&](long long n) {
+    while (request->status() == status::kBadWaiting && clock.waitsBegun() < n) {
+      std::this_thread::yield();
+    }
+    return request->status() == status::kBadWaiting;
+  };
+  EXPECT_TRUE(waitsAgain(1));
+  const long long back = test::ManualClock::kStart - kTicksPerHour;
+  clock.setTime(back - kWait);
+  clock.advance(kWait);
+  EXPECT_TRUE(waitsAgain(2));
+  clock.setTime(back + 60 * kTicksPerSecond - kWait);
+  clock.advance(kWait);
+  EXPECT_TRUE(waitsAgain(3));
+  clock.advance(kWait);
+  EXPECT_FALSE(waitsAgain(4));
+  manager().clear();  // lets go of a reader that did not give up
+  clock.advance(kWait);
+  reader.join();
+  EXPECT_EQ(request->status(), status::kBadTimeout);
+}
+
 }  // namespace
 }  // namespace orva::archive::archive_manager_more_test
