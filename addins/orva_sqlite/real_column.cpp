@@ -12,8 +12,8 @@ enum Form : std::uint8_t { kDecimals = 0, kBits = 1, kPlanes = 2 };
 
 constexpr unsigned kMaxDigits = 9;
 constexpr unsigned kNoDecimal = kMaxDigits + 1;
-constexpr std::array<double, kMaxDigits + 1> kPower = {1.0, 1e1, 1e2, 1e3, 1e4,
-                                                       1e5, 1e6, 1e7, 1e8, 1e9};
+constexpr std::array<double, kMaxDigits + 1> kPowerOfTen = {1.0, 1e1, 1e2, 1e3, 1e4,
+                                                            1e5, 1e6, 1e7, 1e8, 1e9};
 // Every whole number below is a double, so the division that decodes rounds once.
 constexpr double kWholeLimit = 9007199254740992.0;  // 2^53
 
@@ -33,7 +33,7 @@ double realOf(RealWidth width, std::uint64_t bits) {
 // The bits of number / 10^digits: the one way back from a decimal, used to check and to decode.
 template <RealWidth width>
 std::uint64_t decimalBits(std::int64_t number, unsigned digits) {
-  const double real = static_cast<double>(number) / kPower[digits];
+  const double real = static_cast<double>(number) / kPowerOfTen[digits];
   if constexpr (width == RealWidth::kDouble) return bitsAs<std::uint64_t>(real);
   return bitsAs<std::uint32_t>(static_cast<float>(real));
 }
@@ -41,7 +41,7 @@ std::uint64_t decimalBits(std::int64_t number, unsigned digits) {
 // Whether `bits` is a decimal with so many digits behind the point, and its number.
 template <RealWidth width>
 bool asDecimal(std::uint64_t bits, unsigned digits, std::int64_t& number) {
-  const double scaled = realOf(width, bits) * kPower[digits];
+  const double scaled = realOf(width, bits) * kPowerOfTen[digits];
   if (!(std::fabs(scaled) < kWholeLimit)) return false;
   number = static_cast<std::int64_t>(scaled + (scaled < 0 ? -0.5 : 0.5));
   return decimalBits<width>(number, digits) == bits;
