@@ -73,8 +73,9 @@ struct Request::Item::Interval::Fan {
   // Each archive gives a bound of its own and stops at the wanted number by itself. Of the bounds
   // the ones next to the stretch count, and past the wanted number there may be holes.
   void trim(std::vector<PinPtr>& all) const {
-    const auto inside = std::find_if(
-        all.begin(), all.end(), [this](const PinPtr& pin) { return pin->time >= parent->start_; });
+    const auto inside = std::find_if(all.begin(), all.end(), [this](const PinPtr& pin) {
+      return parent->start_ == 0 || pin->time >= parent->start_;
+    });
     const bool left = parent->bounds_.left && inside != all.begin();
     all.erase(all.begin(), left ? std::prev(inside) : inside);
     const std::uint64_t wanted = parent->kind_ == Kind::range ? parent->wanted() : 0;
