@@ -289,7 +289,7 @@ void World::ask(Read& read) {
       query.point ? std::to_string(*query.point).c_str() : "none",
       static_cast<long long>(query.resampleInterval));
   layer.drain();
-  const Blocks before = seen(layer);
+  const Blocks before = seen(layer.describe());
   if (logs_) logBlocks(layer);
   noteWhatIsMet(read, before);
   if (query.firstLast) {

@@ -124,11 +124,14 @@ class World {
   void checkJoined(const Read& read);
   bool nextPage(Read& read, const std::vector<Sample>& got);
   // ---- checks of the cache (world_cache.cpp)
-  static Blocks seen(const cache::Layer& layer);
+  static Blocks seen(Blocks blocks);
   static std::vector<Chain> chains(const Blocks& blocks);
   void noteWhatIsMet(Read& read, const Blocks& blocks);
   void checkAsked(const Read& read, const std::vector<Chain>& before) const;
-  void checkRangeAsked(const Read& read, const Chain& chain) const;
+  using Intervals = std::vector<archive::SharedInterval>;
+  void checkRangeAsked(const Read& read, const Intervals& intervals, const PinPtr& newest,
+                       const Chain& chain) const;
+  static bool live(const Chain& chain, const Blocks& blocks);
   void checkFirstLastAsked(Read& read, const std::vector<Chain>& before);
   void checkStorage() const;
   void checkCache(const Variable& variable) const;

@@ -15,8 +15,7 @@ constexpr std::int64_t kLatest = std::numeric_limits<std::int64_t>::max();
 }
 
 // The entries as a reader sees them: without a block that waits for its first sample.
-World::Blocks World::seen(const Layer& layer) {
-  Blocks blocks = layer.describe();
+World::Blocks World::seen(Blocks blocks) {
   blocks.erase(std::remove_if(blocks.begin(), blocks.end(),
                               [](const auto& b) { return b.last && b.samples.empty(); }),
                blocks.end());
@@ -90,23 +89,26 @@ void World::checkAsked(const Read& read, const std::vector<Chain>& before) const
       }
     }
   }
-  const Blocks after = seen(*read.variable->layer);
+  const Blocks after = seen(read.variable->layer->describe());
   for (const Chain& chain : before) {
-    const bool live = std::all_of(chain.blocks.begin(), chain.blocks.end(), [&](const Pin* first) {
-      return std::any_of(after.begin(), after.end(), [first](const auto& block) {
-        return !block.samples.empty() && block.samples.front().get() == first;
-      });
-    });
-    if (live) checkRangeAsked(read, chain);
+    if (live(chain, after)) checkRangeAsked(read, intervals, newest, chain);
   }
 }
 
-void World::checkRangeAsked(const Read& read, const Chain& chain) const {
+// Whether all its blocks are there still.
+bool World::live(const Chain& chain, const Blocks& blocks) {
+  return std::all_of(chain.blocks.begin(), chain.blocks.end(), [&](const Pin* first) {
+    return std::any_of(blocks.begin(), blocks.end(), [first](const auto& block) {
+      return !block.samples.empty() && block.samples.front().get() == first;
+    });
+  });
+}
+
+void World::checkRangeAsked(const Read& read, const Intervals& intervals, const PinPtr& newest,
+                            const Chain& chain) const {
   const Query& query = read.query;
-  const auto intervals = read.item->openIntervals();
   const std::int64_t from = query.from();
   if (read.item->cut() && !query.resampled()) {
-    const PinPtr newest = read.item->lastValue();
     const std::int64_t reached = std::max(from, newest ? newest->time : from);
     if (chain.first < reached && reached < chain.last) differs("cut though live blocks know more");
   }
@@ -140,17 +142,13 @@ void World::checkFirstLastAsked(Read& read, const std::vector<Chain>& before) {
   const bool asksLast = std::any_of(intervals.begin(), intervals.end(), [](const auto& i) {
     return i->kind() == Interval::Kind::newest;
   });
-  const Blocks after = seen(*read.variable->layer);
+  const Blocks after = seen(read.variable->layer->describe());
   for (const Chain& chain : before) {
-    const bool live = std::all_of(chain.blocks.begin(), chain.blocks.end(), [&](const Pin* first) {
-      return std::any_of(after.begin(), after.end(), [first](const auto& block) {
-        return !block.samples.empty() && block.samples.front().get() == first;
-      });
-    });
-    if (live && asksLast && end != 0 && chain.first <= end && end < chain.last) {
+    if (!live(chain, after)) continue;
+    if (asksLast && end != 0 && chain.first <= end && end < chain.last) {
       differs("asks for a last value that live blocks vouch for");
     }
-    if (live && !asksLast && end != 0 && read.held != 0 && end < before.back().last) {
+    if (!asksLast && end != 0 && read.held != 0 && end < before.back().last) {
       ++counts_.lastFromCache;
       break;
     }
@@ -169,13 +167,13 @@ void World::checkStorage() const {
 
 void World::checkCache(const Variable& variable) const {
   const Layer& layer = *variable.layer;
-  const Blocks all = layer.describe();
+  Blocks all = layer.describe();
   if (!layer.cached()) {
     if (!all.empty()) differs("blocks in a layer that is not cached");
     return;
   }
   checkEntries(all, variable);
-  const Blocks blocks = seen(layer);
+  const Blocks blocks = seen(std::move(all));
   checkNoneTwice(blocks, variable);
   if (variable.writer.older) return;
   for (std::size_t first = 0; first < blocks.size();) {

@@ -166,6 +166,19 @@ TEST_F(LayerReadTest, OpenReadWithAClockBehindTheArchiveGivesItAll) {
   EXPECT_EQ(asked(load({12, 38})), AllAsked());
 }
 
+TEST_F(LayerReadTest, EmptyBlockAppendedToIsNoBoundaryBetweenJoinedBlocks) {
+  clock.setTime(25);
+  makeLayer();
+  makeSmall(2, 3);
+  archive = samples({10, 20, 30, 40});
+  read({5, 0}, archive);
+  ASSERT_EQ(keys(), (Times{0, 10, 25, 30}));
+  EXPECT_EQ(asked(load({15, 35})), AllAsked());
+  EXPECT_EQ(timesOf(load({15, 35})), (Times{20, 30}));
+  EXPECT_EQ(asked(load({22, 28, 0, true})), AllAsked());
+  EXPECT_EQ(timesOf(firstLast({22, 38})), (Times{30}));
+}
+
 TEST_F(LayerReadTest, FetchedStretchIsReadFromTheCacheFromThenOn) {
   fetchSix();
   const SharedItem item = load({15, 55});
@@ -180,6 +193,32 @@ TEST_F(LayerReadTest, BlockOutsideTheRangeGivesNothing) {
   EXPECT_EQ(timesOf(load({21, 29})), Times()) << "between two samples of the block";
   EXPECT_EQ(asked(load({21, 29})), AllAsked());
   EXPECT_EQ(asked(load({1, 9})), (AllAsked{{1, 9}}));
+}
+
+// Whoever loads finalises, once it has seen that nothing is open: never the layer.
+TEST_F(LayerReadTest, LoadingFinalisesNoItem) {
+  appendFive();
+  EXPECT_FALSE(load({15, 45})->isFinal());
+  EXPECT_FALSE(firstLast({15, 45})->isFinal());
+  EXPECT_FALSE(load({40, 20})->isFinal());
+}
+
+TEST_F(LayerReadTest, NegativeLayerNumberIsAskedForAsItIs) {
+  vm::Layer every = description();
+  every.number = -1;
+  makeLayer(every);
+  EXPECT_EQ(load({5, 50})->openIntervals()[0]->layer(), -1);
+  EXPECT_EQ(firstLast({5, 50})->openIntervals()[0]->layer(), -1);
+}
+
+// Stays as it is: from its first sample on the block appended to rules.
+TEST_F(LayerReadTest, SpanOfABlockThatBeganOlderMissesWhatTheArchiveHasThere) {
+  archive = samples({10, 20, 30, 40, 50});
+  append({25, 45});
+  const SharedItem item = load({26, 44});
+  EXPECT_EQ(timesOf(item), Times());
+  EXPECT_EQ(asked(item), AllAsked()) << "30 and 40 lie in its span";
+  EXPECT_EQ(asked(load({5, 44})), (AllAsked{{5, 25}}));
 }
 
 // ---- ranges that are none
@@ -626,6 +665,10 @@ TEST_F(LayerReadTest, LastValueOfATimeThatGoesOnIsAskedForUnlessTheNextBlockIsTh
   evictBlocksBut({10});
   ASSERT_EQ(blocks(), (std::vector<Times>{{10, 20}, {40}}));
   EXPECT_EQ(asked(firstLast({15, 20})), (AllAsked{{15, 20, Kind::newest}}));
+  load({5, 0});
+  ASSERT_EQ(keys(), (Times{0, 10, 40})) << "the entry of what is gone is removed";
+  EXPECT_EQ(asked(firstLast({15, 20})), (AllAsked{{15, 20, Kind::newest}}));
+  EXPECT_EQ(asked(load({15, 20})), (AllAsked{{20, 20}})) << "the range is not reached there either";
 }
 
 TEST_F(LayerReadTest, FirstAndLastThatAreTheSameSampleAreGivenOnce) {

@@ -167,6 +167,18 @@ TEST_F(LayerTest, ExpiredBlockOfTheSameKeyIsReplacedAndProvesNothing) {
   EXPECT_FALSE(all[1].joined);
 }
 
+// The storage may drop the full block in the very moment in which the next one is made.
+TEST_F(LayerTest, BlockThatReplacesItsOwnNeighbourIsNotJoinedToIt) {
+  makeSmall(2);
+  Layer::storage = BlockStorage::make(0);
+  makeLayer();
+  append({7, 7, 7});
+  const auto all = layer->describe();
+  ASSERT_EQ(blocks(), (std::vector<Times>{{7}}));
+  EXPECT_TRUE(all[1].last);
+  EXPECT_FALSE(all[1].joined);
+}
+
 // History is fetched, then the layer's first sample lies in the middle of it.
 TEST_F(LayerTest, FirstSampleOlderThanWhatWasFetchedDropsWhatReachesPastIt) {
   makeSmall(2);
@@ -505,6 +517,19 @@ TEST_F(LayerTest, GrownTimeProvesNoJoin) {
   answer(item->openIntervals()[0], archive);
   layer->drain();
   EXPECT_EQ(joined(), (std::vector<bool>{false, false}));
+}
+
+TEST_F(LayerTest, NewestSampleOfTheAskingProvesNoJoinOnceAnotherBlockIsAppendedTo) {
+  makeSmall(2, 3);
+  append({50});
+  const SharedItem item = load({5, 60});
+  std::vector<PinPtr> archive = samples({10, 20, 30});
+  archive.push_back(held(1)[0]);
+  append({60, 70});
+  answer(item->openIntervals()[0], archive);
+  layer->drain();
+  EXPECT_EQ(blocks(), (std::vector<Times>{{10, 20}, {30}, {50, 60}, {70}}));
+  EXPECT_EQ(joined(), (std::vector<bool>{false, true, false, true}));
 }
 
 TEST_F(LayerTest, AnswerAskedForWhileNothingWasAppendedGoesOnceThatHasChanged) {
