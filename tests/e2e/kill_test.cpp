@@ -28,6 +28,7 @@ constexpr int kRiskMs = kWritePeriodMs + 500;
 constexpr int kSyncsPerTransaction = 2;
 // Runs in which enough was written before the kill to prove something.
 constexpr int kTellingRuns = 15;
+constexpr std::size_t kLeastSafe = 20;  // in a run that is to prove something
 constexpr const char* kCounter = "Plant/Counter";
 
 // Each run counts from a number of its own.
@@ -67,6 +68,7 @@ class Ledger {
     if (thread_.joinable()) thread_.join();
     return entries_;
   }
+  std::size_t size() const { return size_; }
 
  private:
   void follow() {
@@ -76,6 +78,7 @@ class Ledger {
         const std::int64_t now = steadyMilliseconds();
         for (const Sample& sample : reply.item().values) entries_.push_back({sample, now});
         point_ = *reply.item().continuationPoint;
+        size_ = entries_.size();
       }
       sleepMilliseconds(5);
     }
@@ -85,6 +88,7 @@ class Ledger {
   // Written by the thread, read after close().
   std::int64_t point_;
   std::vector<Entry> entries_;
+  std::atomic<std::size_t> size_{0};
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
@@ -124,6 +128,7 @@ class DiskProbe {
   const int file_;
   std::atomic<std::int64_t> begunAt_{0};
   std::atomic<std::int64_t> slowest_{0};
+  std::atomic<std::size_t> size_{0};
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
@@ -160,14 +165,16 @@ class KillTest : public ::testing::Test {
     return config;
   }
 
-  // Lets a host count for a while, kills it and says what it had written.
-  Life killedRun(int run, int lifeMs) {
+  // Lets a host count until some samples are known, and so much longer; kills it and says what it
+  // had written.
+  Life killedRun(int run, int longerMs) {
     plant_.folder().write("counter.lua", counterProgram(run));
     const std::int64_t from = ticksNow();
     if (!plant_.start()) return {};
     const DiskProbe disk(plant_.folder().path());
     Ledger ledger(plant_.client(), from);
-    sleepMilliseconds(lifeMs);
+    EXPECT_TRUE(waitUntil([&] { return ledger.size() > kLeastSafe; }, 20'000)) << "run " << run;
+    sleepMilliseconds(longerMs);
     sleepMilliseconds(static_cast<int>(kSyncsPerTransaction * disk.slowestMs()));
     const std::int64_t killedAt = steadyMilliseconds();
     const std::int64_t diskMs = kSyncsPerTransaction * disk.slowestMs();
@@ -200,7 +207,7 @@ void expectPrefix(const Samples& stored, int run) {
 
 TEST_F(KillTest, SamplesOlderThanTheWritePeriodSurviveTwentyKillsAndNothingElseAppears) {
   std::mt19937 random(1);
-  std::uniform_int_distribution<int> extraMs(100, 600);
+  std::uniform_int_distribution<int> extraMs(10, 500);
   std::vector<Life> runs;
   for (int run = 0; run < kRuns; ++run) {
     runs.push_back(killedRun(run, kRiskMs + extraMs(random)));
