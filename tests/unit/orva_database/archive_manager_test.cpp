@@ -207,7 +207,6 @@ TEST_F(ArchiveManagerTest, ProviderThatThrowsIsLeftOutAlone) {
 using ArchiveManagerDeathTest = ArchiveManagerTest;
 
 TEST_F(ArchiveManagerDeathTest, FactoryThatCreatesNothingStopsTheProcess) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
   factory.createsNothing = true;
   EXPECT_DEATH(start(), "created none");
 }
