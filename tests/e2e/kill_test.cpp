@@ -128,7 +128,6 @@ class DiskProbe {
   const int file_;
   std::atomic<std::int64_t> begunAt_{0};
   std::atomic<std::int64_t> slowest_{0};
-  std::atomic<std::size_t> size_{0};
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
