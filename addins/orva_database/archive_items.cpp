@@ -1,5 +1,6 @@
 #include "host/trace.h"
 #include "orva_database/archive_manager_state.h"
+#include "orva_database/guarded.h"
 
 namespace orva::archive {
 
@@ -60,10 +61,15 @@ bool DataArchiveManager::State::attachLayer(std::int64_t cacheId, const ItemKey&
 }
 
 void DataArchiveManager::State::attachMissing() {
-  for (const auto& [cacheId, key] : cacheItems) {
+  for (const auto& cached : cacheItems) {
+    const std::int64_t cacheId = cached.first;
+    const ItemKey& key = cached.second;
     const auto layers = vm::VMInfo::GetInstance()->GetArchivedLayers(key.first);
     const boost::shared_ptr<cache::CachedItem> pin = cache[cacheId];
-    if (layers && pin) attachLayers(cacheId, key, *layers, *pin);
+    if (!layers || !pin) continue;
+    // An archive that throws costs its own item the layers, not the others theirs.
+    guarded("DataArchiveManager::attachLayers",
+            [&]() NO_THREAD_SAFETY_ANALYSIS { attachLayers(cacheId, key, *layers, *pin); });
   }
 }
 

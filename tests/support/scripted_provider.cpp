@@ -133,6 +133,11 @@ void ScriptedProvider::setHandleThrows(bool throws) {
   handleThrows_ = throws;
 }
 
+void ScriptedProvider::onLayerWriter(std::function<void(const ItemKey&)> hook) {
+  MutexLock lock(mutex_);
+  onLayerWriter_ = std::move(hook);
+}
+
 void ScriptedProvider::onRead(std::function<void(const SharedInterval&)> hook) {
   MutexLock lock(mutex_);
   onRead_ = std::move(hook);
@@ -398,6 +403,7 @@ std::uint32_t ScriptedProvider::itemHandle(const ItemKey& key) {
 archive::ILayerWriter& ScriptedProvider::layerWriter(const ItemKey& key, std::int32_t layer,
                                                      std::int64_t parameter) {
   MutexLock lock(mutex_);
+  if (onLayerWriter_) onLayerWriter_(key);
   ++layerWriterCount_;
   knowItem(key);
   const LayerKey layerKey(key, layer);

@@ -96,6 +96,8 @@ class ScriptedProvider : public archive::IDataArchiveProc, public archive::IData
   // Called first in every read() or write(), start(), stop(); null for nothing.
   void onRead(std::function<void(const archive::SharedInterval&)> hook);
   void onWrite(std::function<void(const archive::ItemKey&, std::int32_t, const PinPtr&)> hook);
+  // Runs inside layerWriter(), which throws what it throws.
+  void onLayerWriter(std::function<void(const archive::ItemKey&)> hook);
   void onStart(std::function<void()> hook);
   void onStop(std::function<void()> hook);
 
@@ -192,6 +194,7 @@ class ScriptedProvider : public archive::IDataArchiveProc, public archive::IData
   std::function<void(const archive::SharedInterval&)> onRead_ GUARDED_BY(mutex_);
   std::function<void(const archive::ItemKey&, std::int32_t, const PinPtr&)> onWrite_
       GUARDED_BY(mutex_);
+  std::function<void(const archive::ItemKey&)> onLayerWriter_ GUARDED_BY(mutex_);
   std::function<void()> onStart_ GUARDED_BY(mutex_);
   std::function<void()> onStop_ GUARDED_BY(mutex_);
   std::thread worker_ GUARDED_BY(mutex_);  // runs from the first read answered later

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <stdexcept>
 #include <thread>
 
 #include "orva_database/pin.h"
@@ -43,6 +44,23 @@ TEST_F(ArchiveManagerMoreTest, LayersThatAreServedForgetTheLastSampleOnce) {
   manager().createPinCache({1, "Plant/Load"});  // layer 1 is still not served
   ASSERT_TRUE(pin(cacheId)->last());
   EXPECT_EQ(pin(cacheId)->last()->time, 50);
+}
+
+TEST_F(ArchiveManagerMoreTest, ArchiveThatThrowsForOneItemStillServesTheOthers) {
+  describeItem(1, "Plant/Load", {{0, {0, 0}}});
+  describeItem(2, "Plant/Level", {{0, {0, 0}}});
+  TraceCapture traces;
+  const std::int64_t first = manager().createPinCache({1, "Plant/Load"});
+  const std::int64_t second = manager().createPinCache({2, "Plant/Level"});
+  factory.onCreate = [](test::ScriptedProvider& provider) {
+    provider.onLayerWriter([](const ItemKey& key) {
+      if (key.first == 1) throw std::runtime_error("no table");
+    });
+  };
+  EXPECT_EQ(start(), 0);
+  EXPECT_EQ(pin(first)->layerCount(), 0U);
+  EXPECT_EQ(pin(second)->layerCount(), 1U);
+  EXPECT_EQ(traces.countContaining("no table"), 1);
 }
 
 // Told of a time-out by the very clear() that ends the archives, a client starts them anew and
