@@ -112,7 +112,7 @@ bool Layer::loadUncached(const SharedItem& item, const Options& options, bool fi
 // Asks the archive for a stretch; what it answers comes back through the inbox, with what this
 // layer held when it asked.
 SharedInterval Layer::ask(const SharedItem& item, std::int64_t from, std::int64_t to) {
-  const SharedInterval interval = item->addInterval(static_cast<std::int32_t>(layer_), from, to);
+  SharedInterval interval = item->addInterval(static_cast<std::int32_t>(layer_), from, to);
   Inbox::Answer answer;
   if (!last_->empty()) answer.newestThen = last_->lastTime();
   answer.lastThen = last_;
@@ -316,7 +316,7 @@ PinPtr Layer::findFirst(std::int64_t start) {
   if (block->firstTime() > start) return {};
   if (block->firstTime() == start && entry->second.openLeft) return {};
   for (;;) {
-    if (const PinPtr found = block->right_val(start, true)) {
+    if (PinPtr found = block->right_val(start, true)) {
       block->used();
       return found;
     }

@@ -97,7 +97,7 @@ void Location::unlock() {
 }
 
 std::string Location::moveAside(std::string& problem) const {
-  const std::string name = freeName(file_);
+  std::string name = freeName(file_);
   std::error_code error;
   fs::rename(file_, name, error);
   if (error) {
