@@ -24,7 +24,7 @@ void boundLimits(const archive::Request& request) {
 }
 
 archive::SharedRequest makeRequest(const json::Value& body) {
-  const archive::SharedRequest req = archive::Request::make(body);
+  archive::SharedRequest req = archive::Request::make(body);
   if (req) {
     boundLimits(*req);
   } else {

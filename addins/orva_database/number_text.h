@@ -34,9 +34,8 @@ namespace detail {
 // digits, and safely so: not close to the middle between two doubles, where the library might
 // need more digits. At most 15 digits tell doubles apart, so no other text is as short.
 inline bool decimalOf(double value, double power, std::int64_t& n) {
-  // NOLINTNEXTLINE(bugprone-incorrect-roundings): the value is positive, and what is wrong is
-  // refused
-  n = static_cast<std::int64_t>(value * power + 0.5);
+  // Rounds half up, which is enough: the value is positive, and a wrong n is refused below.
+  n = static_cast<std::int64_t>(value * power + 0.5);  // NOLINT(bugprone-incorrect-roundings)
   // The error value * power - n, exactly: the upper half of the value has few enough digits for
   // an exact product with the power, and so has the lower one.
   std::uint64_t bits;

@@ -96,7 +96,7 @@ boost::shared_ptr<Request> Request::make(const json::Value& body) {
                     __FILE__, __LINE__, status::kBadRequest);
     return {};
   }
-  const auto request = boost::make_shared<Request>();
+  auto request = boost::make_shared<Request>();
   const json::Value& parameters = json::member(body, "parameters");
   const std::uint32_t limit = valuesPerNode(parameters, items.Size());
   request->options.fromJson(parameters);

@@ -339,7 +339,8 @@ bool convertScalar(const OpcUa_VariantHlp& value, OpcUa_Byte type, OpcUa_Variant
 }
 
 bool convertArray(const OpcUa_VariantArray* source, OpcUa_Byte type, OpcUa_VariantHlp& out) {
-  std::vector<OpcUa_VariantHlp> items(source == nullptr ? 0 : source->Length);
+  std::vector<OpcUa_VariantHlp> items;
+  if (source != nullptr) items.resize(static_cast<std::size_t>(source->Length));
   for (std::size_t i = 0; i < items.size(); ++i) {
     items[i] = OpcUa_VariantHlp(source->Items[i]);
     if (items[i].ChangeType(type) != 0) return false;
