@@ -340,13 +340,12 @@ bool convertScalar(const OpcUa_VariantHlp& value, OpcUa_Byte type, OpcUa_Variant
 
 bool convertArray(const OpcUa_VariantArray* source, OpcUa_Byte type, OpcUa_VariantHlp& out) {
   std::vector<OpcUa_VariantHlp> items;
-  if (source != nullptr) items.resize(static_cast<std::size_t>(source->Length));
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    items[i] = OpcUa_VariantHlp(source->Items[i]);
-    if (items[i].ChangeType(type) != 0) return false;
+  const std::int32_t length = source == nullptr ? 0 : source->Length;
+  for (std::int32_t i = 0; i < length; ++i) {
+    items.emplace_back(source->Items[i]);
+    if (items.back().ChangeType(type) != 0) return false;
   }
-  out.SetArray(static_cast<OpcUa_BuiltInType>(type), items.data(),
-               static_cast<std::int32_t>(items.size()));
+  out.SetArray(static_cast<OpcUa_BuiltInType>(type), items.data(), length);
   return true;
 }
 
