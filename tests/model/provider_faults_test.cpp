@@ -258,7 +258,7 @@ void ProviderFaultsTest::runWorlds(bool synchronous) {
   EXPECT_GT(counts_.faulty, 0);
   EXPECT_GT(counts_.complete, 0);
   EXPECT_GT(counts_.timedOut, 0);
-  EXPECT_GT(counts_.compared, counts_.requests / 10);
+  EXPECT_GT(counts_.compared, counts_.requests / 50);  // how many, the threads decide
 }
 
 void ProviderFaultsTest::runWorld(bool synchronous) {
