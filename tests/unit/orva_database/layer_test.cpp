@@ -532,6 +532,20 @@ TEST_F(LayerTest, NewestSampleOfTheAskingProvesNoJoinOnceAnotherBlockIsAppendedT
   EXPECT_EQ(joined(), (std::vector<bool>{false, true, false, true}));
 }
 
+// It may be of a moment between the asking and now: nobody knows where it has holes.
+TEST_F(LayerTest, WhatWasAppendedSinceTheAskingIsNotCachedFromAnAnswer) {
+  makeSmall(2, 2);
+  append({50});
+  const SharedItem item = load({45, 70});
+  ASSERT_EQ(asked(item), (AllAsked{{45, 50}, {50, 70}}));
+  append({60, 70});
+  evictAll();
+  ASSERT_EQ(blocks(), (std::vector<Times>{{70}}));
+  answer(item->openIntervals()[1], samples({50, 60}));
+  layer->drain();
+  EXPECT_EQ(blocks(), (std::vector<Times>{{70}}));
+}
+
 TEST_F(LayerTest, AnswerAskedForWhileNothingWasAppendedGoesOnceThatHasChanged) {
   makeSmall(10, 3);
   const SharedItem item = load({5, 0});
