@@ -7,6 +7,7 @@
 #include <memory_resource>
 #include <utility>
 
+#include "host/archive_rec.h"
 #include "host/opcua_variant.h"
 
 namespace orva::aggregation {
@@ -28,6 +29,9 @@ class Quality {
 // handed to anybody else. The count of its holders is inside, so that a sample is one allocation
 // of 32 bytes and a reference to it one pointer.
 struct Pin : boost::intrusive_ref_counter<Pin, boost::thread_safe_counter> {
+  Pin() = default;
+  explicit Pin(const ArchiveRec& rec) : time(rec.time), value(rec.value) { quality = rec.status; }
+
   Quality quality;
   std::int64_t time = 0;  // ticks (100 ns since 1601 UTC)
   OpcUa_VariantHlp value;
