@@ -97,6 +97,8 @@ bool Cleaner::finishStep(std::size_t deleted) {
   const bool done = !store_.db().failed() && store_.commit();
   if (!done) {
     phase_ = Phase::kIdle;
+    // What the step thought to have deleted is there still.
+    for (Stream* const stream : touched_) stream->stored = buffer_.stored(*stream);
     return false;
   }
   counters_.deleted += deleted;

@@ -58,6 +58,11 @@ std::vector<DamageRegister::Found> DamageRegister::takeReported() {
   return taken;
 }
 
+void DamageRegister::putBack(const std::vector<Found>& found) {
+  MutexLock lock(mutex_);
+  reported_.insert(reported_.begin(), found.begin(), found.end());
+}
+
 bool DamageRegister::hasReported() const {
   if (!any_) return false;
   MutexLock lock(mutex_);

@@ -33,6 +33,8 @@ class DamageRegister {
   bool meets(const Stream& stream, std::int64_t from, std::int64_t to) const EXCLUDES(mutex_);
   // What was reported since the last call.
   std::vector<Found> takeReported() EXCLUDES(mutex_);
+  // Those of them that could not be dealt with yet.
+  void putBack(const std::vector<Found>& found) EXCLUDES(mutex_);
   bool hasReported() const EXCLUDES(mutex_);
   void forgetBefore(std::int64_t time) EXCLUDES(mutex_);
   void clear() EXCLUDES(mutex_);

@@ -267,9 +267,20 @@ bool StorageWorker::setDamagedApart() {
       buffer_.setStored(*stream, stream->stored);
     }
   }
-  if (!store_.db().failed()) return true;
+  if (!store_.db().failed()) {
+    apartFailedAt_ = 0;
+    return true;
+  }
+  damage_.putBack(found);
   failed("setting damaged segments apart");
+  apartFailedAt_ = failedAt_;
   return false;
+}
+
+// After a failure only once in a while: new samples must not wait for it.
+std::int64_t StorageWorker::ticksToSetApart(std::int64_t now) const {
+  if (apartFailedAt_ == 0 || now < apartFailedAt_) return 0;
+  return std::max<std::int64_t>(0, kRepeatTicks - (now - apartFailedAt_));
 }
 
 void StorageWorker::queueForMerge(Stream& stream) {
@@ -308,7 +319,9 @@ std::int64_t StorageWorker::pass() {
   if (!tryAgainAt(now)) return ticksToNext(now);
   if (!store_.isOpen() && !open()) return ticksToNext(now);
   if (cleanedAt_ == 0 || now < cleanedAt_) cleanedAt_ = now;
-  if (damage_.hasReported() && !setDamagedApart()) return ticksToNext(now);
+  if (damage_.hasReported() && ticksToSetApart(now) == 0 && !setDamagedApart()) {
+    return ticksToNext(now);
+  }
   if (buffer_.batchIsDue(now, limits_.writePeriod)) {
     if (writeBatch()) return 0;
   } else if (!mergeQueue_.empty()) {
@@ -333,6 +346,7 @@ std::int64_t StorageWorker::ticksToNext(std::int64_t now) const {
   if (buffer_.waiting() > 0) {
     ticks = std::min(ticks, ticksLeft(limits_.writePeriod, buffer_.waitingSince(), now));
   }
+  if (damage_.hasReported()) ticks = std::min(ticks, ticksToSetApart(now) + 1);
   if (limits_.cleanupPeriod > 0) {
     ticks = std::min(ticks, ticksLeft(limits_.cleanupPeriod, cleanedAt_, now));
   }
@@ -343,11 +357,10 @@ std::int64_t StorageWorker::ticksToNext(std::int64_t now) const {
 
 bool StorageWorker::writeAll() {
   if (!store_.isOpen() && !open()) return false;
-  if (!setDamagedApart()) return false;
   while (buffer_.hasBatch() || buffer_.waiting() > 0) {
     if (!writeBatch()) return false;
   }
-  return true;
+  return setDamagedApart();
 }
 
 bool StorageWorker::mergeAll() {

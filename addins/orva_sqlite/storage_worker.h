@@ -59,6 +59,7 @@ class StorageWorker {
   bool writeBatch();
   void appendBatch();
   bool setDamagedApart();
+  std::int64_t ticksToSetApart(std::int64_t now) const;
   bool mergeSome();
   void queueForMerge(Stream& stream);
   bool tryAgainAt(std::int64_t now) const;
@@ -83,9 +84,10 @@ class StorageWorker {
   std::vector<Item*> newItems_;                    // of the batch being written
   std::vector<Stream*> mergeQueue_;
   Columns columns_;
-  std::int64_t marker_ = 0;     // first row of the batch tried last
-  std::int64_t failedAt_ = 0;   // when something failed, 0 when nothing has to be tried again
-  std::int64_t cleanedAt_ = 0;  // when the last clean-up began
+  std::int64_t marker_ = 0;         // first row of the batch tried last
+  std::int64_t failedAt_ = 0;       // when something failed, 0 when nothing has to be tried again
+  std::int64_t apartFailedAt_ = 0;  // when setting damage apart failed, 0 when it did not
+  std::int64_t cleanedAt_ = 0;      // when the last clean-up began
   bool mergeEverything_ = false;
   bool doubtful_ = false;    // the file was unreadable in use: check it whole before going on
   std::string lastProblem_;  // said already

@@ -90,6 +90,68 @@ TEST_F(ArchiveTest, AnEndlessReconnectTimeoutIsWaitedFor) {
   EXPECT_FALSE(worker().ready());
 }
 
+// Makes one kind of change impossible while it lives.
+class Forbidden {
+ public:
+  Forbidden(StorageWorker& worker, const std::string& change) : worker_(worker) {
+    const std::string trigger = "CREATE TRIGGER forbidden BEFORE " + change +
+                                " BEGIN SELECT RAISE(ABORT, 'forbidden'); END";
+    EXPECT_TRUE(worker_.store().db().exec(trigger.c_str()));
+  }
+  ~Forbidden() { EXPECT_TRUE(worker_.store().db().exec("DROP TRIGGER forbidden")); }
+
+ private:
+  StorageWorker& worker_;
+};
+
+TEST_F(ArchiveTest, SamplesAreWrittenWhileDamageCannotBeSetApart) {
+  open();
+  write(second(1), 1);
+  ASSERT_TRUE(worker().writeAll());
+  ASSERT_TRUE(worker().store().db().exec("UPDATE segment SET data = x'00'"));
+  ask({});  // meets the damage
+  {
+    Forbidden forbidden(worker(), "INSERT ON damaged");
+    worker().pass();
+    EXPECT_EQ(counters().failures, 1U);
+    write(second(2), 2);
+    clock_.advance(10 * kTicksPerSecond);
+    worker().pass();
+    EXPECT_EQ(counters().written, 2U);
+    EXPECT_EQ(counters().failures, 1U);
+    write(second(3), 3);
+    EXPECT_FALSE(worker().writeAll());
+    EXPECT_EQ(counters().written, 3U);
+    clock_.advance(10 * kTicksPerSecond);
+    worker().pass();  // opens the file again
+  }
+  EXPECT_EQ(inFile("SELECT count(*) FROM damaged"), 0);
+  clock_.advance(2 * kTicksPerMinute);
+  for (int i = 0; i < 3; ++i) worker().pass();
+  EXPECT_EQ(inFile("SELECT count(*) FROM damaged"), 1);
+}
+
+TEST_F(ArchiveTest, AFailedCleanUpForgetsNoSample) {
+  limits_.maxTime = kTicksPerMinute;
+  limits_.maxWriteValues = 10;
+  open();
+  for (int i = 0; i < 30; ++i) write(second(i), i);
+  ASSERT_TRUE(worker().writeAll());
+  clock_.advance(kTicksPerHour);
+  {
+    // The oldest segments go, a later one cannot.
+    Forbidden forbidden(worker(),
+                        "DELETE ON segment WHEN old.first > " + std::to_string(second(5)));
+    EXPECT_FALSE(worker().cleanUp());
+    write(second(30), 30);
+    ASSERT_TRUE(worker().writeAll());
+    EXPECT_EQ(values({}).size(), 31U);
+    ASSERT_TRUE(worker().store().isOpen());
+  }
+  ASSERT_TRUE(worker().cleanUp());
+  EXPECT_EQ(values({}), (std::vector<double>{30}));
+}
+
 // A failed commit may have reached the file: whoever reads meanwhile asks the file for the marker.
 TEST(WriteBufferMarkerTest, ABatchOfADoubtfulTransactionKeepsItsMarkerUntilItIsKnownToBeWritten) {
   orva::test::ManualClock clock;
