@@ -103,6 +103,7 @@ void DataArchiveManager::clear() {
     state_->cfg = json::Document();
     // Before init() may run again: reads of the archives that it starts are not concerned.
     ++state_->clears;
+    state_->takePending(waiters);
   }
   State::releaseWaiters(waiters);
 }
@@ -117,6 +118,12 @@ void DataArchiveManager::State::forgetAll(std::map<std::int32_t, Provider>& oldA
   unfiltered.clear();
   waiters.swap(pending);
   oldArchives.swap(archives);
+}
+
+// Those that were queued while the archives ended: they were asked of these, or of none.
+void DataArchiveManager::State::takePending(Pending& waiters) {
+  MutexLock lock(queueMutex);
+  waiters.splice(waiters.end(), pending);
 }
 
 std::int32_t DataArchiveManager::defaultArchive() const {

@@ -41,6 +41,7 @@ struct DataArchiveManager::State {
   // ---- configuration: archive_manager.cpp
   void forgetAll(std::map<std::int32_t, Provider>& oldArchives, Pending& waiters)
       EXCLUDES(cacheMutex, queueMutex);
+  void takePending(Pending& waiters) EXCLUDES(queueMutex);
 
   // ---- items: archive_items.cpp
   void attachLayers(std::int64_t cacheId, const ItemKey& key, const vm::ArchivedLayers& layers,

@@ -190,11 +190,16 @@ void DataArchiveManager::State::drain(const std::vector<SharedInterval>& interva
 void DataArchiveManager::addRequest(const SharedRequest& request, int timeoutMs) {
   // Whoever is told of the completion may let go of the caller's reference.
   const SharedRequest kept = request->shared_from_this();
+  const std::uint32_t clears = state_->clears.load();
   std::vector<SharedInterval> intervals;
   loadFromCache(kept, intervals);
   state_->dispatch(intervals);
-  MutexLock lock(state_->queueMutex);
-  state_->pending.emplace_back(timeoutMs, kept);
+  {
+    MutexLock lock(state_->queueMutex);
+    state_->pending.emplace_back(timeoutMs, kept);
+  }
+  // A clear() that went by meanwhile has not seen it in the queue.
+  if (state_->clears.load() != clears) State::releaseWaiters({{timeoutMs, kept}});
 }
 
 void DataArchiveManager::syncRead(const SharedRequest& request) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <stdexcept>
 #include <thread>
@@ -94,6 +95,44 @@ TEST_F(ArchiveManagerMoreTest, ReadBegunWhileClearTellsTheWaitersIsNotReleasedBy
   archive(1).releaseAll();
   reader.join();
   EXPECT_EQ(fresh->status(), status::kGood);
+}
+
+// Asked of the archives that end, but not in the queue yet when it is emptied.
+TEST_F(ArchiveManagerMoreTest, RequestQueuedAfterClearTookItsArchivesIsReleased) {
+  start();
+  archive().setScript({test::When::never});
+  archive().onRead([](const SharedInterval&) { manager().clear(); });
+  const SharedRequest request = requestFor(makeItem(1));
+  int told = 0;
+  request->setTimeoutListener([&told](const SharedRequest&) { ++told; });
+  TraceCapture traces;
+  manager().addRequest(request, 60000);
+  EXPECT_EQ(request->status(), status::kBadTimeout);
+  EXPECT_EQ(told, 1);
+}
+
+TEST_F(ArchiveManagerMoreTest, RequestQueuedWhileTheArchivesEndIsReleased) {
+  start();
+  archive().setScript({test::When::never});
+  const SharedRequest request = requestFor(makeItem(1));
+  int told = 0;
+  request->setTimeoutListener([&told](const SharedRequest&) { ++told; });
+  std::atomic<bool> asked{false};
+  std::atomic<bool> ending{false};
+  archive().onRead([&](const SharedInterval&) {
+    asked = true;
+    while (!ending) std::this_thread::yield();
+  });
+  TraceCapture traces;
+  std::thread reader([&request] { manager().addRequest(request, 60000); });
+  archive().onStop([&] {
+    ending = true;
+    reader.join();
+  });
+  while (!asked) std::this_thread::yield();
+  manager().clear();
+  EXPECT_EQ(request->status(), status::kBadTimeout);
+  EXPECT_EQ(told, 1);
 }
 
 // The 60 s begin anew where the clock was set back to, and end after them, not with them.
