@@ -50,6 +50,7 @@ struct ArchiveLimits {
 
 class ORVA_HOST_API BaseSource {
  public:
+  // This host has no settings for sources and does not call it.
   virtual void LoadArchSettings(const orva::json::Value* settings) = 0;
   virtual ~BaseSource();
 
@@ -64,6 +65,9 @@ class ORVA_HOST_API BaseSource {
 class ORVA_HOST_API ArchiveSource : public BaseSource {
  public:
   // The order of the virtual operations is part of the interface.
+
+  // Called once, before InitSource() and anything else; `settings` is a JSON null where the
+  // configuration says nothing about the source.
   virtual int Init(int number, const orva::json::Value* settings) = 0;
   virtual int GetArchiveItemId(long long id, const std::string& name, const std::string& second,
                                int& out) = 0;
@@ -78,8 +82,8 @@ class ORVA_HOST_API ArchiveSource : public BaseSource {
                         boost::optional<long long> minWritePeriod, boost::optional<double> deadband,
                         boost::optional<bool> blocksWrite) = 0;
   virtual int GetLastTime(int item, long long& out) = 0;
-  // Takes a request out of the queue that the host keeps for sources without one of their own. The
-  // answer of a request that is not in it stays under way: 0x803E0000.
+  // Takes a request out of the queue that a host may keep for sources without one of their own.
+  // This host keeps none, so the base answers 0x803E0000: what was taken stays under way.
   virtual int RemoveRequest(ArchiveRequest* request);
   virtual int InitSource() = 0;
   virtual int DestroySource() = 0;
@@ -103,10 +107,13 @@ class ORVA_HOST_API ArchiveSourceFactory {
 class ORVA_HOST_API ArchiveAddin {
  public:
   // Takes the factory over; a later one of the same type replaces the earlier for sources to come,
-  // those made already stay. 0, or 0x80AB0000 for an empty type or no factory.
+  // those made already stay. 0, or a negative status for an empty type or no factory: then the
+  // factory stays the caller's.
   static int AddSourceFactory(const std::string& type, ArchiveSourceFactory* factory);
-  // The source of that type and number: made by the type's factory and initialised on the first
-  // call, the same one from then on, valid until the process ends. Null when the type is unknown
-  // or the source cannot be made or initialised (traced).
+  // The source of that type and number: made by the type's factory and initialised (Init(), then
+  // InitSource()) on the first call, the same one from then on, valid until the process ends. Null
+  // when the type is unknown or the source cannot be made or initialised (traced); the next call
+  // tries again. Threads that ask for a source while another makes it wait for that; a source that
+  // asks for itself while it is made gets null.
   static ArchiveSource* GetArchiveSource(const std::string& type, int number = 0);
 };
