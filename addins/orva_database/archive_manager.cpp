@@ -1,32 +1,11 @@
 #include "share/archive_manager.h"
 
-#include <cstdlib>
-
-#include "host/config_data.h"
 #include "host/trace.h"
 #include "orva_database/archive_manager_state.h"
+#include "orva_database/archive_section.h"
 #include "orva_database/guarded.h"
 
 namespace orva::archive {
-
-namespace {
-
-// 0, or a negative status.
-int parseSection(const std::string& text, json::Document& out) {
-  if (json::nestsTooDeep(text.data(), text.size())) return static_cast<int>(status::kBadRequest);
-  return parse_json(text, out);
-}
-
-// A factory that creates nothing has broken its contract: every later read and write of this
-// archive would go astray, so the process ends here, in release builds too.
-void requireProvider(const Provider& provider, const std::string& providerType) {
-  if (provider) return;
-  OpcUa_Trace_Imp(kTraceError, "<--Assert provider failed: factory \"%s\" created none\n", __FILE__,
-                  __LINE__, providerType.c_str());
-  std::abort();
-}
-
-}  // namespace
 
 DataArchiveManager& DataArchiveManager::instance() {
   static DataArchiveManager manager;
@@ -57,7 +36,7 @@ int DataArchiveManager::init() {
   RecursiveMutexLock lock(state_->cacheMutex);
   if (!state_->archives.empty()) return 0;
   json::Document& cfg = state_->cfg;
-  const int result = parseSection(GetConfigDataValue("DataArchive"), cfg);
+  const int result = readArchiveSection("DataArchive", cfg);
   if (result < 0) {
     OpcUa_Trace_Imp(kTraceError,
                     "<--ReturnError: orva::parse_json(GetConfigDataValue(\"DataArchive\"), cfg) "
@@ -65,13 +44,9 @@ int DataArchiveManager::init() {
                     __FILE__, __LINE__, static_cast<unsigned>(result));
     return result;
   }
-  const json::Value& archives = json::expectedMember(cfg, "archives");
-  for (rapidjson::SizeType i = 0; archives.IsArray() && i < archives.Size(); ++i) {
-    guarded("DataArchiveManager::addArchive",
-            [&] { addArchive(static_cast<int>(i), archives[i]); });
-  }
-  const json::Value& number = json::member(cfg, "defaultArchive");
-  state_->defaultArchive = number.IsInt() ? number.GetInt() : 0;
+  addEachArchive(cfg, "DataArchiveManager::addArchive",
+                 [this](int number, const json::Value& entry) { addArchive(number, entry); });
+  state_->defaultArchive = defaultArchiveOf(cfg);
   state_->attachMissing();
   return 0;
 }
@@ -82,7 +57,7 @@ void DataArchiveManager::addArchive(int number, const json::Value& entry) {
   const auto found = state_->factories.find(connection.providerType);
   if (found == state_->factories.end() || found->second == nullptr) return;
   Provider provider = found->second->create(limits, connection);
-  requireProvider(provider, connection.providerType);
+  requireProvider(provider != nullptr, connection.providerType);
   provider->archive()->loadFilter(json::expectedMember(entry, "filter"));
   RecursiveMutexLock lock(state_->cacheMutex);
   provider->start();

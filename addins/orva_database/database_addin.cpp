@@ -5,6 +5,7 @@
 #include "orva_database/request_processor.h"
 #include "orva_database/write_data_fb.h"
 #include "share/archive_manager.h"
+#include "share/events_archive_manager.h"
 #include "share/status_codes.h"
 
 namespace orva {
@@ -25,7 +26,9 @@ DataBaseAddin& DataBaseAddin::GetInstance() {
   return addin;
 }
 
-DataBaseAddin::DataBaseAddin() : dataManager_(&archive::DataArchiveManager::instance()) {
+DataBaseAddin::DataBaseAddin()
+    : dataManager_(&archive::DataArchiveManager::instance()),
+      eventsManager_(&archive::EventsArchiveManager::instance()) {
   RegisterSTLibsWriteDataFB();
 }
 
@@ -56,9 +59,11 @@ void DataBaseAddin::handle(ConfigProcessorMode mode) {
     case kStartArchives:
     case kReload:
       dataManager_->init();
+      eventsManager_->init();
       break;
     case kClear:
       dataManager_->clear();
+      eventsManager_->clear();
       break;
     default:
       break;

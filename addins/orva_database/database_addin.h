@@ -7,6 +7,7 @@ namespace orva {
 
 namespace archive {
 class DataArchiveManager;
+class EventsArchiveManager;
 // What InitAddin() forwards to: nothing is done before the host calls DataBaseAddin::Init().
 int Init(HostCallback callback);
 }  // namespace archive
@@ -41,6 +42,7 @@ class ORVA_API DataBaseAddin : public AddinBase {
 
   RequestProcessor* processor_ = nullptr;  // from Init() on; never freed: requests may be served
   archive::DataArchiveManager* const dataManager_;
+  archive::EventsArchiveManager* const eventsManager_;
 };
 
 }  // namespace orva
