@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "host/host_events.h"
 #include "host/trace.h"
 #include "orva_host/addin_loader.h"
 #include "orva_host/config_events.h"
@@ -48,6 +49,10 @@ void useInstallation(const HostConfig& config) {
   }
   replaceConfigSections(config.sections);
   replaceInstallation(variables, config.layers);
+}
+
+void postEvent(HostEventKind kind, HostEventSeverity severity, const std::string& text) {
+  postHostEvent(kind, severity, "orva_host", text.c_str());
 }
 
 // 0, or the errno of the attempt to open the log.
@@ -123,6 +128,8 @@ int HostApp::check() {
 }
 
 bool HostApp::start() {
+  postEvent(HostEventKind::kStarted, HostEventSeverity::kInformation,
+            "version " ORVA_VERSION ", configuration " + configFile_);
   if (failed(startAddins(parts_->addins))) return false;
   deliver({0, 1, 2, 3, 4, 5, 6, 7});
   // Those that cannot start say so in the log, the others run.
@@ -164,6 +171,8 @@ void HostApp::reread() {
   if (!readConfigFile(configFile_, config, errors)) {
     for (const std::string& error : errors) logMsg("%s\n", error.c_str());
     logMsg("the configuration stays as it was\n");
+    postEvent(HostEventKind::kConfigurationRefused, HostEventSeverity::kError,
+              errors.empty() ? configFile_ : errors.front());
     return;
   }
   if (const int error = useLog(config.log); error != 0) {
@@ -172,17 +181,21 @@ void HostApp::reread() {
   useInstallation(config);
   deliver({8, 3, 7});
   logMsg("the configuration was read again\n");
+  postEvent(HostEventKind::kConfigurationRead, HostEventSeverity::kInformation, configFile_);
 }
 
 void HostApp::rebuildArchives() {
   deliver({9, 2});
   logMsg("the archives were built anew\n");
+  postEvent(HostEventKind::kArchivesRebuilt, HostEventSeverity::kInformation, "events 9 and 2");
 }
 
 void HostApp::stop() {
   parts_->programs.stop();
   parts_->sources.stop();
   parts_->http.stop(kRequestGraceMs);
+  // Before event 9, which ends the archives that store it.
+  postEvent(HostEventKind::kStopping, HostEventSeverity::kInformation, "");
   deliver({8, 9});
   if (parts_->http.joinWithin(kLastGraceMs)) return;
   // A handler that waits for nothing of ours any more will not end. Everything accepted is
