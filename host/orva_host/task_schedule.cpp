@@ -1,0 +1,61 @@
+#include "orva_host/task_schedule.h"
+
+#include <algorithm>
+
+namespace orva::host {
+
+TaskSchedule::Clock::duration TaskSchedule::periodOf(long long ticks) {
+  using Ticks = std::chrono::duration<long long, std::ratio<1, 10'000'000>>;
+  return std::clamp(Ticks(ticks), std::chrono::duration_cast<Ticks>(kShortest),
+                    std::chrono::duration_cast<Ticks>(kLongest));
+}
+
+TaskSchedule::Id TaskSchedule::add(Time now, Clock::duration period, std::function<void()> call) {
+  const Id id = ++lastId_;
+  const Time due = now + period;
+  tasks_.emplace(id,
+                 Task{period, std::make_shared<const std::function<void()>>(std::move(call)), due});
+  waiting_.emplace(due, id);
+  return id;
+}
+
+TaskSchedule::Call TaskSchedule::remove(Id id) {
+  const auto found = tasks_.find(id);
+  if (found == tasks_.end()) return {};
+  waiting_.erase({found->second.due, id});
+  Call call = std::move(found->second.call);
+  tasks_.erase(found);
+  return call;
+}
+
+std::optional<TaskSchedule::Started> TaskSchedule::startDue(Time now) {
+  if (waiting_.empty() || waiting_.begin()->first > now) return std::nullopt;
+  const Id id = waiting_.begin()->second;
+  waiting_.erase(waiting_.begin());
+  return Started{id, tasks_.at(id).call};
+}
+
+void TaskSchedule::finish(Id id, Time now) {
+  const auto found = tasks_.find(id);
+  if (found == tasks_.end()) return;
+  Task& task = found->second;
+  const auto missed = std::max<std::int64_t>(0, (now - task.due) / task.period);
+  task.due += (missed + 1) * task.period;
+  waiting_.emplace(task.due, id);
+}
+
+void TaskSchedule::makeAllDue(Time now) {
+  std::set<std::pair<Time, Id>> due;
+  for (const auto& [time, id] : waiting_) {
+    tasks_.at(id).due = now;
+    due.emplace(now, id);
+  }
+  waiting_.swap(due);
+}
+
+std::optional<TaskSchedule::Time> TaskSchedule::nextDue() const {
+  if (waiting_.empty()) return std::nullopt;
+  return waiting_.begin()->first;
+}
+
+}  // namespace orva::host
