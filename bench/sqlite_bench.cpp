@@ -70,7 +70,7 @@ bool tidyUp(const TempFolder& folder) {
   sqlite::Archive archive(limits(), connectionTo(folder));
   archive.open();
   const bool done = archive.worker().mergeAll();
-  archive.worker().store().checkpoint();
+  archive.worker().store().space().checkpoint();
   archive.shutDown();
   archive.close();
   return done;

@@ -23,7 +23,7 @@ forbid 'the host knows no add-in' "$quoted(orva_(database|sqlite)|support)/" hos
 forbid 'the history add-in sees only include/ and its own folder' \
   "$quoted(orva_(host|sqlite)|support)/" addins/orva_database
 forbid 'a provider sees only include/ and its own folder' \
-  "$quoted(orva_(host|database)|support)/" addins/orva_sqlite
+  "$quoted(orva_(host|database)|support)/" addins/orva_sqlite addins/sqlite_base
 forbid 'includes are rooted' "$quoted\.\.?/" addins host include tests bench
 
 standard='std::(recursive_|shared_|timed_)*mutex|std::(lock_guard|unique_lock|scoped_lock|shared_lock)'

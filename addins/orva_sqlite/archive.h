@@ -9,10 +9,10 @@
 #include "orva_sqlite/interval_reader.h"
 #include "orva_sqlite/reader_pool.h"
 #include "orva_sqlite/storage_worker.h"
-#include "orva_sqlite/trace_limit.h"
 #include "orva_sqlite/write_buffer.h"
 #include "share/archive_provider.h"
 #include "share/signal.h"
+#include "sqlite_base/trace_limit.h"
 
 namespace orva::sqlite {
 

@@ -35,10 +35,10 @@ void Cleaner::start(std::int64_t now) {
 bool Cleaner::step() {
   touched_.clear();
   if (phase_ == Phase::kSize &&
-      (store_.fileTarget() == 0 || store_.usedBytes() <= store_.fileTarget())) {
+      (store_.space().target() == 0 || store_.space().used() <= store_.space().target())) {
     phase_ = Phase::kIdle;
-    store_.shrink();
-    if (store_.fileTarget() != 0) store_.checkpoint();
+    store_.space().shrink();
+    if (store_.space().target() != 0) store_.space().checkpoint();
     return !store_.db().failed();
   }
   if (!store_.begin(false)) return finishStep(0);
@@ -62,7 +62,7 @@ std::size_t Cleaner::deleteOld() {
 }
 
 std::size_t Cleaner::deleteForSize() {
-  const std::size_t deleted = deleteFromOldest(store_.usedBytes() - store_.fileTarget());
+  const std::size_t deleted = deleteFromOldest(store_.space().used() - store_.space().target());
   if (deleted == 0) {
     // Nothing but newest samples is left; what was set apart may go too.
     store_.removeDamagedBefore(kLatest);

@@ -8,9 +8,9 @@
 #include "orva_sqlite/damage_register.h"
 #include "orva_sqlite/reader_pool.h"
 #include "orva_sqlite/stream_view.h"
-#include "orva_sqlite/trace_limit.h"
 #include "orva_sqlite/write_buffer.h"
 #include "share/archive_request.h"
+#include "sqlite_base/trace_limit.h"
 
 namespace orva::sqlite {
 

@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "orva_sqlite/columns.h"
-#include "orva_sqlite/database.h"
 #include "orva_sqlite/segment_codec.h"
 #include "orva_sqlite/segment_table.h"
 #include "share/mutex.h"
+#include "sqlite_base/database.h"
 
 namespace orva::sqlite {
 

@@ -5,8 +5,8 @@
 #include <optional>
 
 #include "orva_sqlite/columns.h"
-#include "orva_sqlite/database.h"
 #include "orva_sqlite/segment_codec.h"
+#include "sqlite_base/database.h"
 
 namespace orva::sqlite {
 

@@ -43,7 +43,7 @@ StorageWorker::StorageWorker(const archive::ArchiveCfg& limits,
                              Counters& counters)
     : limits_(limits),
       retryTicks_(std::max<std::int64_t>(connection.reconnectTimeout, kTicksPerMillisecond)),
-      location_(connection.location),
+      location_(connection.location, "archive.db"),
       parameters_(parametersOf(connection)),
       catalog_(catalog),
       buffer_(buffer),

@@ -10,13 +10,13 @@
 #include "orva_sqlite/cleaner.h"
 #include "orva_sqlite/counters.h"
 #include "orva_sqlite/damage_register.h"
-#include "orva_sqlite/location.h"
 #include "orva_sqlite/reader_pool.h"
 #include "orva_sqlite/segment_writer.h"
 #include "orva_sqlite/store.h"
 #include "orva_sqlite/write_buffer.h"
 #include "share/archive_configs.h"
 #include "share/signal.h"
+#include "sqlite_base/location.h"
 
 namespace orva::sqlite {
 

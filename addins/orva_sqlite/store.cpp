@@ -9,7 +9,6 @@ namespace {
 
 constexpr int kFormat = 1;                         // user_version
 constexpr std::int64_t kApplication = 0x4F727661;  // "Orva": application_id
-constexpr std::int64_t kPageSize = 4096;
 
 // The statements that make a new file; docs/sqlite-format.md says what the columns hold.
 constexpr const char* kSchema =
@@ -24,18 +23,11 @@ constexpr const char* kSchema =
     "CREATE TABLE meta(key TEXT PRIMARY KEY, value) WITHOUT ROWID;"
     "INSERT INTO meta VALUES('format', 1);";
 
-// What the write-ahead log may take of a limited size.
-std::int64_t logShare(std::int64_t maxBytes, int checkpointPages) {
-  const std::int64_t usual = checkpointPages * kPageSize;
-  return maxBytes == 0 ? usual : std::min(usual, maxBytes / 8);
-}
-
 }  // namespace
 
 Store::Store(const StoreParameters& parameters, std::int64_t maxBytes, Counters& counters)
     : parameters_(parameters),
-      maxBytes_(maxBytes),
-      logBytes_(logShare(maxBytes, parameters.checkpointPages)),
+      space_(db_, parameters, maxBytes),
       counters_(counters),
       segments_(db_),
       insertItem_(db_, "INSERT INTO item(handle, item_id, path) VALUES(?1, ?2, ?3)"),
@@ -53,12 +45,8 @@ Store::Opened Store::open(const std::string& file, bool thorough) {
   if (!db_.open(file, Database::Mode::kReadWrite)) return Opened::kUnavailable;
   const bool isNew = db_.number("SELECT count(*) FROM sqlite_master") == 0;
   if (!db_.failed()) {
-    if (isNew ? configure() && createSchema() : schemaFits() && configure()) {
-      if (thorough) {
-        Statement check(db_, "PRAGMA quick_check(1)");
-        Query query(check);
-        if (query.row() && query.text(0) != "ok") return Opened::kUnreadable;
-      }
+    if (isNew ? space_.configure() && createSchema() : schemaFits() && space_.configure()) {
+      if (thorough && !space_.isIntact()) return Opened::kUnreadable;
       if (prepareAll()) {
         nextItem_ = db_.number("SELECT max(handle) FROM item") + 1;
         nextSegment_ = db_.number("SELECT max(id) FROM segment") + 1;
@@ -75,18 +63,6 @@ void Store::close() {
   finalizeAll();
   db_.rollback();
   db_.close();
-}
-
-bool Store::configure() {
-  // The page size and the vacuum mode work before the first table only, and do no harm later.
-  const std::string pragmas =
-      "PRAGMA page_size=" + std::to_string(kPageSize) + ";PRAGMA auto_vacuum=INCREMENTAL" +
-      ";PRAGMA journal_mode=WAL;PRAGMA synchronous=" + parameters_.synchronous +
-      ";PRAGMA cache_size=-" + std::to_string(parameters_.cacheKiB) +
-      ";PRAGMA wal_autocheckpoint=" +
-      std::to_string(std::max<std::int64_t>(16, logBytes_ / kPageSize)) +
-      ";PRAGMA journal_size_limit=" + std::to_string(logBytes_) + ";PRAGMA temp_store=MEMORY";
-  return db_.exec(pragmas.c_str());
 }
 
 bool Store::createSchema() {
@@ -144,12 +120,6 @@ bool Store::forEachDamaged(const std::function<void(const StreamKey&, const Segm
   return !db_.failed();
 }
 
-std::int64_t Store::usedBytes() {
-  return (db_.number("PRAGMA page_count") - db_.number("PRAGMA freelist_count")) * kPageSize;
-}
-
-std::int64_t Store::fileBytes() { return db_.number("PRAGMA page_count") * kPageSize; }
-
 bool Store::begin(bool durable) {
   const bool relaxed = !durable && parameters_.synchronous != "OFF";
   const std::string mode =
@@ -199,15 +169,5 @@ bool Store::setApart(const Segment& segment, const std::string& reason) {
 }
 
 void Store::removeDamagedBefore(std::int64_t time) { Query(removeDamaged_).bind(time).run(); }
-
-void Store::shrink() {
-  if (maxBytes_ == 0) return;
-  const std::int64_t pages = (fileBytes() - fileTarget() + kPageSize - 1) / kPageSize;
-  if (pages <= 0) return;
-  const std::string vacuum = "PRAGMA incremental_vacuum(" + std::to_string(pages) + ")";
-  db_.exec(vacuum.c_str());
-}
-
-void Store::checkpoint() { db_.exec("PRAGMA wal_checkpoint(TRUNCATE)"); }
 
 }  // namespace orva::sqlite

@@ -6,11 +6,12 @@
 #include <string>
 
 #include "orva_sqlite/counters.h"
-#include "orva_sqlite/database.h"
 #include "orva_sqlite/segment_codec.h"
 #include "orva_sqlite/segment_table.h"
-#include "orva_sqlite/store_parameters.h"
 #include "share/archive_provider.h"
+#include "sqlite_base/database.h"
+#include "sqlite_base/file_space.h"
+#include "sqlite_base/store_parameters.h"
 
 namespace orva::sqlite {
 
@@ -18,8 +19,7 @@ namespace orva::sqlite {
 // thread at a time.
 class Store {
  public:
-  // `maxBytes`, 0 for none, is what file and write-ahead log may take together; it keeps the log
-  // small.
+  // `maxBytes`, 0 for none, is what file and write-ahead log may take together.
   Store(const StoreParameters& parameters, std::int64_t maxBytes, Counters& counters);
   ~Store() { close(); }
 
@@ -36,10 +36,6 @@ class Store {
   // ---- what stands in the file
   bool forEachItem(const std::function<void(std::int64_t, const archive::ItemKey&)>& visit);
   bool forEachDamaged(const std::function<void(const StreamKey&, const Segment&)>& visit);
-  // Bytes of the file that hold something, and bytes it takes on the disk without its log.
-  std::int64_t usedBytes();
-  std::int64_t fileBytes();
-  std::int64_t fileTarget() const { return maxBytes_ == 0 ? 0 : maxBytes_ - logBytes_; }
 
   // ---- transactions; what happened between is undone by a failure. A `durable` one is on the disk
   // when commit() returns, as far as the parameters ask for that; one that only rearranges rows
@@ -60,27 +56,21 @@ class Store {
   // The id that the next inserted row will have.
   std::int64_t nextSegmentId() const { return nextSegment_; }
 
-  // Gives pages that hold nothing back until the file is no larger than fileTarget().
-  void shrink();
-  // Copies the log into the file and empties it.
-  void checkpoint();
-
   SegmentTable& segments() { return segments_; }
   SegmentDecoder& decoder() { return decoder_; }
+  FileSpace& space() { return space_; }
   Database& db() { return db_; }
 
  private:
-  bool configure();
   bool createSchema();
   bool schemaFits();
   bool prepareAll();
   void finalizeAll();
 
   const StoreParameters parameters_;
-  const std::int64_t maxBytes_;
-  const std::int64_t logBytes_;
-  Counters& counters_;
   Database db_;
+  FileSpace space_;
+  Counters& counters_;
   SegmentTable segments_;
   Statement insertItem_;
   Statement insertSegment_;

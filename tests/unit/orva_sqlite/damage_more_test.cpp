@@ -41,7 +41,7 @@ TEST_F(ArchiveTest, AWrongCountInARowStopsNeitherTheLimitOfSizeNorTheProcess) {
         ("UPDATE segment SET count = " + std::string(count) + row).c_str()));
     ASSERT_TRUE(worker().cleanUp()) << count;
     ASSERT_TRUE(worker().cleanUp()) << count;
-    EXPECT_LE(worker().store().usedBytes(), 1'000'000) << count;
+    EXPECT_LE(worker().store().space().used(), 1'000'000) << count;
     for (int item = 1; item <= 2; ++item) {
       const Answer newest = ask({{item, item == 1 ? "a" : "b"}, 0, 0, 0, Kind::newest});
       ASSERT_EQ(newest.pushed.size(), 1U) << count;

@@ -1,4 +1,4 @@
-#include "orva_sqlite/database.h"
+#include "sqlite_base/database.h"
 
 #include <sqlite3.h>
 

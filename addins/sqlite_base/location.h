@@ -4,11 +4,12 @@
 
 namespace orva::sqlite {
 
-// Where an archive lives. A configured location is a folder, which then holds archive.db, or the
-// file itself: what exists decides; of what does not, a name with an extension is a file.
+// Where an archive lives. A configured location is a folder, which then holds a file of the usual
+// name, or the file itself: what exists decides; of what does not, a name with an extension is a
+// file.
 class Location {
  public:
-  explicit Location(const std::string& configured);
+  Location(const std::string& configured, const char* usualName);
   ~Location() { unlock(); }
   Location(const Location&) = delete;
   Location& operator=(const Location&) = delete;

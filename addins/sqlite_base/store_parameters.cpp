@@ -1,4 +1,4 @@
-#include "orva_sqlite/store_parameters.h"
+#include "sqlite_base/store_parameters.h"
 
 #include <strings.h>
 

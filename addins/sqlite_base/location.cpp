@@ -1,4 +1,4 @@
-#include "orva_sqlite/location.h"
+#include "sqlite_base/location.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -18,13 +18,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string fileOf(const std::string& configured) {
+std::string fileOf(const std::string& configured, const char* usualName) {
   if (configured.empty()) return {};
   const fs::path path(configured);
   std::error_code error;
-  if (fs::is_directory(path, error)) return (path / "archive.db").string();
+  if (fs::is_directory(path, error)) return (path / usualName).string();
   if (fs::exists(path, error)) return configured;
-  return path.has_extension() ? configured : (path / "archive.db").string();
+  return path.has_extension() ? configured : (path / usualName).string();
 }
 
 // "20240101-000000" of the current time, UTC.
@@ -56,7 +56,8 @@ std::string freeName(const std::string& file) {
 
 }  // namespace
 
-Location::Location(const std::string& configured) : file_(fileOf(configured)) {}
+Location::Location(const std::string& configured, const char* usualName)
+    : file_(fileOf(configured, usualName)) {}
 
 Location::Claim Location::claim(std::string& problem) {
   if (lock_ >= 0) return Claim::kOurs;
