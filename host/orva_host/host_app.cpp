@@ -13,11 +13,14 @@
 #include "host/host_events.h"
 #include "host/trace.h"
 #include "orva_host/addin_loader.h"
+#include "orva_host/archive_client.h"
 #include "orva_host/config_events.h"
 #include "orva_host/config_file.h"
 #include "orva_host/config_sections.h"
+#include "orva_host/host_metrics.h"
 #include "orva_host/http_methods.h"
 #include "orva_host/http_server.h"
+#include "orva_host/metrics_route.h"
 #include "orva_host/program_runner.h"
 #include "orva_host/signal_thread.h"
 #include "orva_host/source_runner.h"
@@ -67,9 +70,11 @@ struct HostApp::Parts {
   SignalThread signals;  // first, so that all other threads have the signals blocked
   HostConfig config;
   std::vector<Addin> addins;
+  ArchiveClient client;
   ProgramRunner programs;
   SourceRunner sources;
   HttpServer http;
+  HostMetrics metrics{http};
 };
 
 HostApp::HostApp(CommandLine options)
@@ -79,12 +84,12 @@ HostApp::~HostApp() = default;
 
 int HostApp::run() {
   parts_ = std::make_unique<Parts>();
-  if (!readConfig() || !prepare()) return EXIT_FAILURE;
+  if (!readConfig() || !openScript() || !prepare()) return EXIT_FAILURE;
   if (options_.checkConfig) return check();
   const bool started = start();
   if (started) serve();
   stop();
-  return started ? EXIT_SUCCESS : EXIT_FAILURE;
+  return started && !parts_->client.failed() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 bool HostApp::readConfig() {
@@ -99,6 +104,13 @@ bool HostApp::readConfig() {
     http.port = *options_.port;
   }
   return true;
+}
+
+// Before prepare() changes the working folder: the script's path is the caller's.
+bool HostApp::openScript() {
+  if (!options_.archiveClient) return true;
+  const int error = parts_->client.open(*options_.archiveClient);
+  return error == 0 || !failed(*options_.archiveClient + ": " + std::strerror(error));
 }
 
 bool HostApp::prepare() {
@@ -132,6 +144,10 @@ bool HostApp::start() {
             "version " ORVA_VERSION ", configuration " + configFile_);
   if (failed(startAddins(parts_->addins))) return false;
   deliver({0, 1, 2, 3, 4, 5, 6, 7});
+  if (options_.archiveClient) {
+    parts_->client.start([this] { parts_->signals.give(SIGTERM); });
+    return true;
+  }
   // Those that cannot start say so in the log, the others run.
   parts_->sources.start(parts_->config.sources);
   parts_->programs.start(parts_->config.programs);
@@ -142,6 +158,7 @@ bool HostApp::listen() {
   HttpServer& http = parts_->http;
   http.add(methodsRoute());
   http.add(itemsRoute());
+  http.add(metricsRoute());
   if (failed(http.start(parts_->config.http))) return false;
   std::printf("listening on %s\n", http.address().c_str());
   std::fflush(stdout);
@@ -194,15 +211,17 @@ void HostApp::stop() {
   parts_->programs.stop();
   parts_->sources.stop();
   parts_->http.stop(kRequestGraceMs);
+  parts_->client.stop(kRequestGraceMs);
   // Before event 9, which ends the archives that store it.
   postEvent(HostEventKind::kStopping, HostEventSeverity::kInformation, "");
   deliver({8, 9});
-  if (parts_->http.joinWithin(kLastGraceMs)) return;
+  const bool servedAll = parts_->http.joinWithin(kLastGraceMs);
+  if (parts_->client.joinWithin(kLastGraceMs) && servedAll) return;
   // A handler that waits for nothing of ours any more will not end. Everything accepted is
   // stored, so the process may go without it.
   logMsg("a request did not end\n");
   std::fflush(nullptr);
-  _exit(EXIT_SUCCESS);
+  _exit(options_.archiveClient ? EXIT_FAILURE : EXIT_SUCCESS);
 }
 
 }  // namespace orva::host

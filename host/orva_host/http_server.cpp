@@ -83,8 +83,8 @@ HttpReply served(const HttpRoute& route, const HttpRequest& request) {
 
 }  // namespace
 
-// Everything of a running server. Only `router`, `handlersAtWork` and the pools are used by other
-// threads than the one that runs `io`, so nothing needs a lock.
+// Everything of a running server. Only `router`, `handlersAtWork`, `replies` and the pools are used
+// by other threads than the one that runs `io`, so nothing needs a lock.
 struct HttpServer::State {
   HttpCfg cfg;
   HttpRouter router;
@@ -96,7 +96,8 @@ struct HttpServer::State {
   bool stopping = false;
   std::promise<void> allGone;  // set once, when stopping and no session is left
   bool saidAllGone = false;
-  std::atomic<int> handlersAtWork{0};  // queued or running
+  std::atomic<int> handlersAtWork{0};                   // queued or running
+  std::array<std::atomic<std::uint64_t>, 5> replies{};  // by class of status
   std::optional<net::thread_pool> blocking;
   std::optional<net::thread_pool> quick;
   std::thread thread;
@@ -109,6 +110,7 @@ struct HttpServer::State {
   void beginStop();
   void closeAll();
   void noteGone();
+  void count(int status);
 };
 
 // One connection. Its functions run on the thread of `io`, one after the other.
@@ -241,6 +243,7 @@ class HttpServer::Session : public std::enable_shared_from_this<HttpServer::Sess
     busy_ = true;
     response_ = {};
     response_.result(static_cast<unsigned>(made.status));
+    server_.count(made.status);
     response_.set(http::field::content_type, made.contentType);
     response_.set(http::field::cache_control, "no-store");
     response_.set("X-Content-Type-Options", "nosniff");
@@ -345,6 +348,11 @@ void HttpServer::State::noteGone() {
   allGone.set_value();
 }
 
+void HttpServer::State::count(int status) {
+  const auto index = static_cast<std::size_t>(status / 100 - 1);
+  if (index < replies.size()) replies[index].fetch_add(1, std::memory_order_relaxed);
+}
+
 void HttpServer::State::beginStop() {
   stopping = true;
   error_code ignored;
@@ -389,6 +397,14 @@ std::string HttpServer::address() const {
   const std::string& bind = state_->cfg.bind;
   const bool isV6 = bind.find(':') != std::string::npos;
   return "http://" + (isV6 ? "[" + bind + "]" : bind) + ":" + std::to_string(state_->port);
+}
+
+HttpServer::ReplyCounts HttpServer::replyCounts() const {
+  ReplyCounts counts{};
+  for (std::size_t i = 0; i < counts.size(); ++i) {
+    counts[i] = state_->replies[i].load(std::memory_order_relaxed);
+  }
+  return counts;
 }
 
 void HttpServer::stop(int graceMs) {

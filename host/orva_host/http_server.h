@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -30,6 +31,10 @@ class HttpServer {
   std::uint16_t port() const;
   // "http://127.0.0.1:8580".
   std::string address() const;
+
+  // How many replies there were so far by the class of their status: 1xx, 2xx ... 5xx. Any thread.
+  using ReplyCounts = std::array<std::uint64_t, 5>;
+  ReplyCounts replyCounts() const;
 
   // Stops listening at once, gives requests that are being served `graceMs` to end, then closes
   // every connection. Handlers may run on; nobody gets their reply.

@@ -1,0 +1,48 @@
+#include "orva_host/host_metrics.h"
+
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <memory>
+
+namespace orva::host {
+namespace {
+
+using metrics::Family;
+using metrics::Kind;
+
+constexpr Family kBuildInfo{"orva_host_build_info", Kind::gauge, "1, with the host's version."};
+constexpr Family kUptime{"orva_host_uptime_seconds", Kind::gauge,
+                         "Time since the host was started."};
+constexpr Family kResident{"orva_host_resident_bytes", Kind::gauge,
+                           "Memory of the process that is in RAM."};
+constexpr Family kRequests{"orva_host_http_requests_total", Kind::counter,
+                           "HTTP requests answered, by class of the reply's status."};
+
+// 0 when the system does not tell.
+std::int64_t residentBytes() {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/proc/self/statm", "re"),
+                                                             &std::fclose);
+  std::int64_t pages = 0;
+  if (!file || std::fscanf(file.get(), "%*d %" SCNd64, &pages) != 1) return 0;
+  return pages * sysconf(_SC_PAGESIZE);
+}
+
+}  // namespace
+
+HostMetrics::HostMetrics(const HttpServer& http)
+    : http_(http), registration_("host", [this](metrics::Sink& sink) { collect(sink); }) {}
+
+void HostMetrics::collect(metrics::Sink& sink) const {
+  sink.add(kBuildInfo, {{"version", ORVA_VERSION}}, 1);
+  const std::chrono::duration<double> uptime = std::chrono::steady_clock::now() - start_;
+  sink.add(kUptime, uptime.count());
+  sink.add(kResident, residentBytes());
+  const HttpServer::ReplyCounts replies = http_.replyCounts();
+  for (std::size_t i = 0; i < replies.size(); ++i) {
+    sink.add(kRequests, {{"code", std::to_string(i + 1) + "xx"}}, replies[i]);
+  }
+}
+
+}  // namespace orva::host
