@@ -23,8 +23,15 @@ void waitForWaits(const ManualClock& clock, long long begun) {
   while (clock.waitsBegun() < begun) std::this_thread::yield();
 }
 
-// Makes the worker wait under an earlier clock, so that the test's own clock leaves it alone.
-void startWorker() {
+void forgetInstallation() {
+  archive::DataArchiveManager::instance().clear();
+  host::clearInstallation();
+  host::replaceConfigSections({});
+}
+
+}  // namespace
+
+void startManagerWorker() {
   static bool started = false;
   if (started) return;
   started = true;
@@ -33,14 +40,6 @@ void startWorker() {
   archive::DataArchiveManager::instance();
   waitForWaits(clock, 1);
 }
-
-void forgetInstallation() {
-  archive::DataArchiveManager::instance().clear();
-  host::clearInstallation();
-  host::replaceConfigSections({});
-}
-
-}  // namespace
 
 PinPtr realPin(std::int64_t time, double value) {
   OpcUa_VariantHlp variant;
@@ -61,7 +60,7 @@ std::vector<std::int64_t> timesOf(const PinList& pins) { return times(pins); }
 std::vector<std::int64_t> timesOf(const std::vector<PinPtr>& pins) { return times(pins); }
 std::vector<std::int64_t> timesOf(const archive::SharedItem& item) { return times(item->values()); }
 
-ArchiveFixture::ArchiveFixture() : clock((startWorker(), ManualClock::kStart)) {
+ArchiveFixture::ArchiveFixture() : clock((startManagerWorker(), ManualClock::kStart)) {
   clock.setAutoAdvance(true);
   forgetInstallation();
   for (const std::int32_t number : {0, 1, 2}) describeLayer(number, false);

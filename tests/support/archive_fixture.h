@@ -24,6 +24,10 @@ std::vector<std::int64_t> timesOf(const std::vector<PinPtr>& pins);
 // The times of an item's answer.
 std::vector<std::int64_t> timesOf(const archive::SharedItem& item);
 
+// Makes the manager's worker wait under an earlier clock, so that the clock of a test, to be made
+// after it, leaves the worker alone.
+void startManagerWorker();
+
 // Base of tests that use the one data archive manager: archives from `factory`, registered as
 // "scripted", on a manual clock. The clock runs through waits of the test's own thread, while the
 // manager's worker goes on in real time; see holdWorker(). The host describes layers 0 to 2, not

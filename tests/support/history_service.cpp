@@ -7,6 +7,7 @@
 #include "orva_host/config_sections.h"
 #include "orva_host/variables.h"
 #include "share/archive_manager.h"
+#include "support/archive_fixture.h"
 
 namespace orva::test {
 namespace {
@@ -33,7 +34,7 @@ const json::Value& Reply::item(const char* list, unsigned index) const {
   return items.IsArray() && index < items.Size() ? items[index] : json::nullValue();
 }
 
-HistoryService::HistoryService() {
+HistoryService::HistoryService() : clock((startManagerWorker(), ManualClock::kStart)) {
   clock.setAutoAdvance(true);
   auto& manager = DataArchiveManager::instance();
   manager.clear();
