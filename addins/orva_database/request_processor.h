@@ -5,7 +5,7 @@
 #include <map>
 #include <string>
 
-#include "share/archive_request.h"
+#include "orva_database/async_reads.h"
 #include "share/mutex.h"
 #include "share/request_processor.h"
 
@@ -41,13 +41,6 @@ class RequestProcessor : public CRequestProcessor<RequestProcessor> {
       EXCLUDES(methodMutex_);
 
  private:
-  // A read whose result is published later.
-  struct AsyncRead {
-    std::int64_t requestId = 0;
-    archive::SharedRequest request;
-    std::int64_t since = 0;  // ticks
-  };
-
   StatusCode call(int number, const json::Value& request, ReplyWriter& reply, int budget)
       REQUIRES(methodMutex_);
 
@@ -61,8 +54,19 @@ class RequestProcessor : public CRequestProcessor<RequestProcessor> {
   // {"data":[{"archiveItemId":71,"areMoreValues":false,"values":[[1715932800123,20.5,0]]}]}
   StatusCode HistoryReadRaw(const json::Value& request, ReplyWriter& reply, int budget)
       REQUIRES(methodMutex_);
+
+  // {"data":[{"archiveItemId":71}],"parameters":{"subscriptionId":3,"requestId":1}} ->
+  // {"subscriptionId":3,"requestId":1}
   StatusCode HistoryReadRawAsync(const json::Value& request, ReplyWriter& reply, int budget)
       REQUIRES(methodMutex_) EXCLUDES(asyncMutex_);
+
+  // {"parameters":{"subscriptionId":3,"requestId":1}} ->
+  // {"subscriptionId":3,"requestId":1,"data":[...]}, or a code alone:
+  //   0x802A0000 no "parameters", or no "subscriptionId" in it
+  //   0x804A0000 the subscription is not known, or was answered
+  //   0x80840000 the subscription has asked something else since
+  //   0x80320000 not complete yet
+  //   0x800A0000 not complete after 60 s: given up
   StatusCode PublishHistoryData(const json::Value& request, ReplyWriter& reply, int budget)
       REQUIRES(methodMutex_) EXCLUDES(asyncMutex_);
 
@@ -72,9 +76,9 @@ class RequestProcessor : public CRequestProcessor<RequestProcessor> {
   StatusCode ReadNewRecords(const json::Value& request, ReplyWriter& reply, int budget)
       REQUIRES(methodMutex_);
 
-  Mutex methodMutex_;                                                     // held for a whole method
-  Mutex asyncMutex_;                                                      // after methodMutex_
-  std::map<std::int64_t, AsyncRead> asyncReads_ GUARDED_BY(asyncMutex_);  // by subscription id
+  Mutex methodMutex_;  // held for a whole method
+  Mutex asyncMutex_;   // after methodMutex_; held while archives are asked
+  AsyncReads asyncReads_ GUARDED_BY(asyncMutex_);
 };
 
 }  // namespace orva
