@@ -34,6 +34,7 @@ class Reader {
     eachOf("programs", [this](ConfigFields& fields) { readProgram(fields); });
     eachOf("sources", [this](ConfigFields& fields) { readSource(fields); });
     readHttp();
+    readNetwork(root_, errors_, out_.network);
     readSections();
     root_.reportUnknown();
   }

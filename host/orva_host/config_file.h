@@ -8,6 +8,7 @@
 #include "host/opcua_types.h"
 #include "host/trace.h"
 #include "host/vm_info.h"
+#include "orva_host/network_config.h"
 
 namespace orva::host {
 
@@ -67,6 +68,7 @@ struct HostConfig {
   std::vector<ProgramCfg> programs;
   std::vector<SourceCfg> sources;
   HttpCfg http;
+  NetworkCfg network;
   // What add-ins get as text: "DataArchive", "EventsArchive", "RemoteData" and "network", those
   // that the file has.
   std::map<std::string, std::string> sections;

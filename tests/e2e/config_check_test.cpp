@@ -36,7 +36,9 @@ constexpr const char* kWholeConfig = R"({
   "http": {"bind": "127.0.0.1", "port": 0, "token": "secret",
            "limits": {"bodyBytes": 1000, "headerBytes": 1000, "headerTimeMs": 1000,
                       "bodyTimeMs": 1000, "idleTimeMs": 1000, "connections": 10, "threads": 2}},
-  "network": {},
+  "network": {"index": 1, "bind": "127.0.0.1", "basePort": 9000, "timeoutMs": 10000,
+              "retryMs": 100, "retries": 6, "answerBytes": 262144,
+              "controllers": [{"index": 2, "address": "127.0.0.1", "port": 9100}]},
   "DataArchive": {"archives": [{"connection": {"providerType": "sqlite", "location": "store"},
                                 "limits": {}, "filter": {}}]},
   "EventsArchive": {},
@@ -152,6 +154,18 @@ TEST_F(ConfigCheckTest, AFieldOfAWrongTypeOrValueIsNamed) {
       {"/http/limits/connections", {"0", "100000"}},
       {"/http/limits/threads", {"0", "100000"}},
       {"/network", {"5"}},
+      {"/network/index", {"-1", "\"1\"", "2147483648"}},
+      {"/network/bind", {"5", "\"localhost\"", "\"\""}},
+      {"/network/basePort", {"0", "65536", "\"9000\""}},
+      {"/network/timeoutMs", {"9", "600001", "true"}},
+      {"/network/retryMs", {"0", "801"}},
+      {"/network/retries", {"-1", "1001"}},
+      {"/network/answerBytes", {"1023", "262145"}},
+      {"/network/controllers", {"{}"}},
+      {"/network/controllers/0", {"2"}},
+      {"/network/controllers/0/index", {"1", "-1", "\"2\""}},
+      {"/network/controllers/0/address", {"5", "\"plc2\"", "\"::1\""}},
+      {"/network/controllers/0/port", {"0", "9000", "null"}},
       {"/DataArchive", {"[]"}},
       {"/EventsArchive", {"\"\""}},
       {"/RemoteData", {"true"}},
@@ -168,7 +182,9 @@ TEST_F(ConfigCheckTest, AMissingFieldIsNamed) {
   for (const char* pointer :
        {"/layers/0/number", "/variables/0/id", "/variables/0/path", "/variables/0/type",
         "/variables/0/layers/0/archive", "/programs/0/name", "/programs/0/file", "/sources/0/type",
-        "/sources/0/values", "/sources/1/file"}) {
+        "/sources/0/values", "/sources/1/file", "/network/index", "/network/basePort",
+        "/network/controllers/0/index", "/network/controllers/0/address",
+        "/network/controllers/0/port"}) {
     const ProgramResult result =
         checkWith([&](json::Document& config) { rapidjson::Pointer(pointer).Erase(config); });
     expectFault(result, placeOf(pointer));

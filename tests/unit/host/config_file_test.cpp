@@ -33,7 +33,7 @@ const char kWhole[] = R"({
   "http": {"bind": "::1", "port": 0, "token": "secret", "limits": {
     "bodyBytes": 1000, "headerBytes": 2000, "headerTimeMs": 30, "bodyTimeMs": 40,
     "idleTimeMs": 50, "connections": 6, "threads": 7}},
-  "network": {"own": 1},
+  "network": {"index": 1, "basePort": 9000},
   "DataArchive": {"archives": [{"limits": {"maxTime": 9007199254740993}}], "x": 0.1},
   "EventsArchive": {},
   "RemoteData": {"requestPeriod": 1000}
@@ -105,7 +105,7 @@ TEST(ConfigFileTest, SectionsOfAddinsComeAsTextWithTheirNumbersWhole) {
   EXPECT_EQ(config.sections.at("DataArchive"),
             R"({"archives":[{"limits":{"maxTime":9007199254740993}}],"x":0.1})");
   EXPECT_EQ(config.sections.at("EventsArchive"), "{}");
-  EXPECT_EQ(config.sections.at("network"), R"({"own":1})");
+  EXPECT_EQ(config.sections.at("network"), R"({"index":1,"basePort":9000})");
   EXPECT_EQ(config.sections.count("http"), 0U);
 }
 
