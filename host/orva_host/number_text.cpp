@@ -31,6 +31,7 @@ std::string shortest(T number) {
 }  // namespace
 
 bool readWholeInt64(std::string_view text, std::int64_t& out) { return readWhole(text, out); }
+bool readWholeUInt64(std::string_view text, std::uint64_t& out) { return readWhole(text, out); }
 
 bool readWholeDouble(std::string_view text, double& out) {
   if (text.find_first_not_of("0123456789+-.eE") != std::string_view::npos) return false;
