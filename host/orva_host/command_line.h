@@ -10,6 +10,7 @@ struct CommandLine {
   std::string config;
   std::string addins;  // folder; empty: the default ones
   bool checkConfig = false;
+  std::optional<std::string> archiveClient;  // the script; empty: stdin
   std::optional<std::uint16_t> port;
   std::optional<int> seconds;  // stops by itself after so many
 };

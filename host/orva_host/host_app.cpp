@@ -13,6 +13,7 @@
 #include "host/host_events.h"
 #include "host/trace.h"
 #include "orva_host/addin_loader.h"
+#include "orva_host/archive_client.h"
 #include "orva_host/config_events.h"
 #include "orva_host/config_file.h"
 #include "orva_host/config_sections.h"
@@ -69,6 +70,7 @@ struct HostApp::Parts {
   SignalThread signals;  // first, so that all other threads have the signals blocked
   HostConfig config;
   std::vector<Addin> addins;
+  ArchiveClient client;
   ProgramRunner programs;
   SourceRunner sources;
   HttpServer http;
@@ -82,12 +84,12 @@ HostApp::~HostApp() = default;
 
 int HostApp::run() {
   parts_ = std::make_unique<Parts>();
-  if (!readConfig() || !prepare()) return EXIT_FAILURE;
+  if (!readConfig() || !openScript() || !prepare()) return EXIT_FAILURE;
   if (options_.checkConfig) return check();
   const bool started = start();
   if (started) serve();
   stop();
-  return started ? EXIT_SUCCESS : EXIT_FAILURE;
+  return started && !parts_->client.failed() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 bool HostApp::readConfig() {
@@ -102,6 +104,13 @@ bool HostApp::readConfig() {
     http.port = *options_.port;
   }
   return true;
+}
+
+// Before prepare() changes the working folder: the script's path is the caller's.
+bool HostApp::openScript() {
+  if (!options_.archiveClient) return true;
+  const int error = parts_->client.open(*options_.archiveClient);
+  return error == 0 || !failed(*options_.archiveClient + ": " + std::strerror(error));
 }
 
 bool HostApp::prepare() {
@@ -135,6 +144,10 @@ bool HostApp::start() {
             "version " ORVA_VERSION ", configuration " + configFile_);
   if (failed(startAddins(parts_->addins))) return false;
   deliver({0, 1, 2, 3, 4, 5, 6, 7});
+  if (options_.archiveClient) {
+    parts_->client.start([this] { parts_->signals.give(SIGTERM); });
+    return true;
+  }
   // Those that cannot start say so in the log, the others run.
   parts_->sources.start(parts_->config.sources);
   parts_->programs.start(parts_->config.programs);
@@ -198,15 +211,17 @@ void HostApp::stop() {
   parts_->programs.stop();
   parts_->sources.stop();
   parts_->http.stop(kRequestGraceMs);
+  parts_->client.stop(kRequestGraceMs);
   // Before event 9, which ends the archives that store it.
   postEvent(HostEventKind::kStopping, HostEventSeverity::kInformation, "");
   deliver({8, 9});
-  if (parts_->http.joinWithin(kLastGraceMs)) return;
+  const bool servedAll = parts_->http.joinWithin(kLastGraceMs);
+  if (parts_->client.joinWithin(kLastGraceMs) && servedAll) return;
   // A handler that waits for nothing of ours any more will not end. Everything accepted is
   // stored, so the process may go without it.
   logMsg("a request did not end\n");
   std::fflush(nullptr);
-  _exit(EXIT_SUCCESS);
+  _exit(options_.archiveClient ? EXIT_FAILURE : EXIT_SUCCESS);
 }
 
 }  // namespace orva::host

@@ -39,10 +39,14 @@ void SignalThread::run() {
     if (sigwait(&signals, &signal) != 0) continue;
     if (ending_) return;
     if (signal == kWakeUp) continue;  // from outside: means nothing here
-    MutexLock lock(mutex_);
-    signals_.push_back(signal);
-    arrived_.notifyOne();
+    give(signal);
   }
+}
+
+void SignalThread::give(int signal) {
+  const MutexLock lock(mutex_);
+  signals_.push_back(signal);
+  arrived_.notifyOne();
 }
 
 int SignalThread::next(std::optional<std::chrono::steady_clock::time_point> end) {

@@ -22,6 +22,9 @@ class SignalThread {
   SignalThread(const SignalThread&) = delete;
   SignalThread& operator=(const SignalThread&) = delete;
 
+  // As if this signal had come. Callable from every thread.
+  void give(int signal) EXCLUDES(mutex_);
+
   // The oldest signal not yet given out. Waits for one, until `end` if given; 0 when none came.
   int next(std::optional<std::chrono::steady_clock::time_point> end) EXCLUDES(mutex_);
 

@@ -46,10 +46,21 @@ TEST(HostCommandLineTest, OnlyTheConfigurationIsNeeded) {
   EXPECT_EQ(outcome.options.seconds, std::nullopt);
 }
 
+TEST(HostCommandLineTest, TheArchiveClientHasAScriptOrStdin) {
+  EXPECT_EQ(Outcome({"--config", "a.json"}).options.archiveClient, std::nullopt);
+  EXPECT_EQ(Outcome({"--config", "a.json", "--archive-client"}).options.archiveClient, "");
+  EXPECT_EQ(Outcome({"--archive-client", "--config", "a.json"}).options.archiveClient, "");
+  EXPECT_EQ(Outcome({"--archive-client", "-", "--config", "a.json"}).options.archiveClient, "-");
+  const Outcome outcome({"--config", "a.json", "--archive-client", "script.txt"});
+  EXPECT_EQ(outcome.exitCode, std::nullopt);
+  EXPECT_EQ(outcome.options.archiveClient, "script.txt");
+}
+
 TEST(HostCommandLineTest, HelpAndVersionGoToStdout) {
   const Outcome help({"--help"});
   EXPECT_EQ(help.exitCode, 0);
   EXPECT_THAT(help.out, HasSubstr("--check-config"));
+  EXPECT_THAT(help.out, HasSubstr("  find ID\n")) << "the client's commands";
   EXPECT_EQ(help.err, "");
   const Outcome version({"--version"});
   EXPECT_EQ(version.exitCode, 0);
@@ -57,15 +68,19 @@ TEST(HostCommandLineTest, HelpAndVersionGoToStdout) {
 }
 
 TEST(HostCommandLineTest, WrongUsageIsExplainedOnStderr) {
-  const std::vector<std::vector<const char*>> wrong = {{},
-                                                       {"--config"},
-                                                       {"a.json"},
-                                                       {"--config", "a.json", "--unknown"},
-                                                       {"--config", "a.json", "more"},
-                                                       {"--config", "a.json", "--port", "65536"},
-                                                       {"--config", "a.json", "--port", "-1"},
-                                                       {"--config", "a.json", "--seconds", "-1"},
-                                                       {"--config", "a.json", "--seconds", "x"}};
+  const std::vector<std::vector<const char*>> wrong = {
+      {},
+      {"--config"},
+      {"a.json"},
+      {"--config", "a.json", "--unknown"},
+      {"--config", "a.json", "more"},
+      {"--config", "a.json", "--port", "65536"},
+      {"--config", "a.json", "--port", "-1"},
+      {"--config", "a.json", "--seconds", "-1"},
+      {"--config", "a.json", "--seconds", "x"},
+      {"--config", "a.json", "--archive-client", "a", "b"},
+      {"--config", "a.json", "--archive-client", "--check-config"},
+      {"--config", "a.json", "--archive-client", "--port", "0"}};
   for (const auto& arguments : wrong) {
     const Outcome outcome(arguments);
     EXPECT_EQ(outcome.exitCode, 2) << testing::PrintToString(arguments);
