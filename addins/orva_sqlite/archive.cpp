@@ -57,6 +57,7 @@ void Archive::accept(Stream& stream, const PinPtr& pin) {
 
 void Archive::drop(const Stream& stream) {
   const std::uint64_t dropped = ++counters_.dropped;
+  if (worker_.noteDrop()) wake_.notify();
   if (!dropTrace_.pass()) return;
   OpcUa_Trace_Imp(kTraceError,
                   "sqlite: archive \"%s\" %s: sample of item %lld \"%s\" dropped, %llu so far\n",

@@ -6,33 +6,18 @@
 #include "host/host_time.h"
 #include "host/trace.h"
 #include "share/ticks.h"
+#include "sqlite_base/period.h"
 
 namespace orva::sqlite {
 namespace {
 
 // One transaction of joining rewrites about so many samples, so that new ones need not wait long.
 constexpr std::size_t kMergeSamples = 50000;
-// How often a problem that lasts is said again.
+// How long until setting damage apart, which failed, is tried again.
 constexpr long long kRepeatTicks = 60 * kTicksPerSecond;
 
 std::int64_t bytesOfMegabytes(std::uint32_t megabytes) {
   return std::int64_t{megabytes} * 1'000'000;
-}
-
-// What is left of a period, 1 at least. A configured period may be any number.
-std::int64_t ticksLeft(std::int64_t period, std::int64_t since, std::int64_t now) {
-  const std::int64_t gone = std::max<std::int64_t>(0, now - since);
-  return period > gone ? period - gone : 1;
-}
-
-StoreParameters parametersOf(const archive::ConnectionCfg& connection) {
-  std::vector<std::string> problems;
-  StoreParameters parameters = parseStoreParameters(connection.parameters, problems);
-  for (const std::string& problem : problems) {
-    OpcUa_Trace_Imp(kTraceError, "sqlite: parameters of \"%s\": %s\n", __FILE__, __LINE__,
-                    connection.location.c_str(), problem.c_str());
-  }
-  return parameters;
 }
 
 }  // namespace
@@ -44,12 +29,14 @@ StorageWorker::StorageWorker(const archive::ArchiveCfg& limits,
     : limits_(limits),
       retryTicks_(std::max<std::int64_t>(connection.reconnectTimeout, kTicksPerMillisecond)),
       location_(connection.location, "archive.db"),
-      parameters_(parametersOf(connection)),
+      parameters_(tracedStoreParameters("sqlite", connection.location, connection.parameters)),
       catalog_(catalog),
       buffer_(buffer),
       readers_(readers),
       damage_(damage),
       counters_(counters),
+      problems_("sqlite", location_.file()),
+      drops_(counters.dropped, problems_),
       store_(parameters_, bytesOfMegabytes(limits.maxSize), counters),
       writer_(store_, damage, counters),
       cleaner_(limits, store_, writer_, catalog, buffer, damage, counters) {}
@@ -58,35 +45,22 @@ StorageWorker::~StorageWorker() { readers_.close(); }
 
 // ---- opening
 
-void StorageWorker::report(const std::string& problem) {
-  const std::int64_t now = getInt64FileTime();
-  const bool again =
-      problem == lastProblem_ && now >= lastProblemAt_ && now - lastProblemAt_ < kRepeatTicks;
-  if (again) return;
-  lastProblem_ = problem;
-  lastProblemAt_ = now;
-  OpcUa_Trace_Imp(kTraceError, "sqlite: archive \"%s\": %s\n", __FILE__, __LINE__,
-                  location_.file().c_str(), problem.c_str());
-}
-
 // A transaction or a look-up failed: what it was part of is tried again later.
 void StorageWorker::failed(const char* doing) {
   ++counters_.failures;
-  report(std::string(doing) + " failed: " + store_.db().failure());
+  const std::string problem = std::string(doing) + " failed: " + store_.db().failure();
   doubtful_ = doubtful_ || store_.db().isUnreadable();
   store_.rollback();
   // Otherwise a connection that begins anew knows the state of the file.
   if (!store_.db().isHarmless()) store_.close();
   store_.db().clearFailure();
   failedAt_ = getInt64FileTime();
+  problems_.failed(problem);
 }
 
 void StorageWorker::succeeded() {
   failedAt_ = 0;
-  if (lastProblem_.empty()) return;
-  OpcUa_Trace_Imp(kTraceWarning, "sqlite: archive \"%s\": works again\n", __FILE__, __LINE__,
-                  location_.file().c_str());
-  lastProblem_.clear();
+  problems_.works();
 }
 
 bool StorageWorker::open() {
@@ -94,12 +68,13 @@ bool StorageWorker::open() {
   const Location::Claim claim = location_.claim(problem);
   refused_ = claim == Location::Claim::kTaken;
   if (refused_) {
-    report("refused, since another archive is open at this place (" + problem +
-           "); nothing is accepted");
+    problems_.cannotOpen("refused, since another archive is open at this place (" + problem +
+                         "); nothing is accepted");
   } else if (claim == Location::Claim::kUnreachable) {
-    report(problem);
+    problems_.cannotOpen(problem);
   } else if (openFile()) {
     failedAt_ = 0;
+    problems_.opened();
     return true;
   }
   failedAt_ = getInt64FileTime();
@@ -110,8 +85,8 @@ bool StorageWorker::open() {
 // archive whatever stood there.
 bool StorageWorker::openFile() {
   for (int attempt = 0; attempt < 2; ++attempt) {
-    const Store::Opened opened = store_.open(location_.file(), doubtful_);
-    if (opened == Store::Opened::kReady && load()) {
+    const Opened opened = store_.open(location_.file(), doubtful_);
+    if (opened == Opened::kReady && load()) {
       doubtful_ = false;
       if (store_.segments().exists(marker_)) {
         // The transaction that was thought to have failed is in the file after all.
@@ -121,13 +96,13 @@ bool StorageWorker::openFile() {
       ready_ = true;
       return true;
     }
-    const bool unreadable = opened == Store::Opened::kUnreadable ||
-                            (opened == Store::Opened::kReady && store_.db().isUnreadable());
+    const bool unreadable =
+        opened == Opened::kUnreadable || (opened == Opened::kReady && store_.db().isUnreadable());
     const std::string problem = store_.db().failure();
     store_.close();
     store_.db().clearFailure();
     if (!unreadable) {
-      report("cannot be opened: " + problem);
+      problems_.cannotOpen("cannot be opened: " + problem);
       return false;
     }
     if (!moveAside()) return false;
@@ -140,13 +115,10 @@ bool StorageWorker::moveAside() {
   readers_.close();
   const std::string name = location_.moveAside(problem);
   if (name.empty()) {
-    report("cannot be read, nor moved aside: " + problem);
+    problems_.cannotOpen("cannot be read, nor moved aside: " + problem);
     return false;
   }
-  OpcUa_Trace_Imp(kTraceError,
-                  "sqlite: archive \"%s\" cannot be read: it was moved to \"%s\", and a new one is "
-                  "begun\n",
-                  __FILE__, __LINE__, location_.file().c_str(), name.c_str());
+  problems_.movedAside(name);
   forgetFile();
   doubtful_ = false;
   return true;
@@ -269,6 +241,9 @@ bool StorageWorker::setDamagedApart() {
   }
   if (!store_.db().failed()) {
     apartFailedAt_ = 0;
+    problems_.post(HostEventKind::kProviderFailure, HostEventSeverity::kError,
+                   std::to_string(found.size()) + " damaged segments were set apart",
+                   static_cast<std::int64_t>(found.size()));
     return true;
   }
   damage_.putBack(found);
@@ -316,6 +291,7 @@ bool StorageWorker::tryAgainAt(std::int64_t now) const {
 
 std::int64_t StorageWorker::pass() {
   const std::int64_t now = getInt64FileTime();
+  drops_.tell(now);
   if (!tryAgainAt(now)) return ticksToNext(now);
   if (!store_.isOpen() && !open()) return ticksToNext(now);
   if (cleanedAt_ == 0 || now < cleanedAt_) cleanedAt_ = now;
@@ -341,8 +317,9 @@ std::int64_t StorageWorker::pass() {
 }
 
 std::int64_t StorageWorker::ticksToNext(std::int64_t now) const {
-  if (failedAt_ != 0) return ticksLeft(retryTicks_, failedAt_, now);
-  std::int64_t ticks = kTicksPerHour;
+  const std::int64_t ticksToDrops = drops_.ticksToNext(now);
+  if (failedAt_ != 0) return std::min(ticksToDrops, ticksLeft(retryTicks_, failedAt_, now));
+  std::int64_t ticks = std::min(ticksToDrops, std::int64_t{kTicksPerHour});
   if (buffer_.waiting() > 0) {
     ticks = std::min(ticks, ticksLeft(limits_.writePeriod, buffer_.waitingSince(), now));
   }
@@ -389,8 +366,10 @@ void StorageWorker::finish() {
   if (!refused_) writeAll();
   if (const std::size_t lost = buffer_.discard()) {
     counters_.dropped += lost;
-    report("stopped with " + std::to_string(lost) + " samples that could not be written");
+    drops_.note();
+    problems_.failed("stopped with " + std::to_string(lost) + " samples that could not be written");
   }
+  drops_.tellRest(getInt64FileTime());
   readers_.close();
   ready_ = false;
   store_.close();

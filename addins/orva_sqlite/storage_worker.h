@@ -10,6 +10,7 @@
 #include "orva_sqlite/cleaner.h"
 #include "orva_sqlite/counters.h"
 #include "orva_sqlite/damage_register.h"
+#include "orva_sqlite/drop_report.h"
 #include "orva_sqlite/reader_pool.h"
 #include "orva_sqlite/segment_writer.h"
 #include "orva_sqlite/store.h"
@@ -17,6 +18,7 @@
 #include "share/archive_configs.h"
 #include "share/signal.h"
 #include "sqlite_base/location.h"
+#include "sqlite_base/problem_log.h"
 
 namespace orva::sqlite {
 
@@ -47,6 +49,8 @@ class StorageWorker {
   // Whether another archive has the place.
   bool refused() const { return refused_; }
   const std::string& file() const { return location_.file(); }
+  // A sample was counted as dropped; whether the worker has to be woken. Thread-safe.
+  bool noteDrop() { return drops_.note(); }
   Store& store() { return store_; }  // for tests, on the worker's thread
 
  private:
@@ -65,7 +69,6 @@ class StorageWorker {
   bool tryAgainAt(std::int64_t now) const;
   void failed(const char* doing);
   void succeeded();
-  void report(const std::string& problem);
   std::int64_t ticksToNext(std::int64_t now) const;
 
   const archive::ArchiveCfg limits_;
@@ -77,6 +80,8 @@ class StorageWorker {
   ReaderPool& readers_;
   DamageRegister& damage_;
   Counters& counters_;
+  ProblemLog problems_;
+  DropReport drops_;
   Store store_;
   SegmentWriter writer_;
   Cleaner cleaner_;
@@ -89,9 +94,7 @@ class StorageWorker {
   std::int64_t apartFailedAt_ = 0;  // when setting damage apart failed, 0 when it did not
   std::int64_t cleanedAt_ = 0;      // when the last clean-up began
   bool mergeEverything_ = false;
-  bool doubtful_ = false;    // the file was unreadable in use: check it whole before going on
-  std::string lastProblem_;  // said already
-  std::int64_t lastProblemAt_ = 0;
+  bool doubtful_ = false;  // the file was unreadable in use: check it whole before going on
   std::atomic<bool> ready_{false};
   std::atomic<bool> refused_{false};
 };

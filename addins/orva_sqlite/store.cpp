@@ -7,11 +7,10 @@
 namespace orva::sqlite {
 namespace {
 
-constexpr int kFormat = 1;                         // user_version
-constexpr std::int64_t kApplication = 0x4F727661;  // "Orva": application_id
-
 // The statements that make a new file; docs/sqlite-format.md says what the columns hold.
-constexpr const char* kSchema =
+constexpr Schema kSchema = {
+    0x4F727661,  // "Orva"
+    1,
     "CREATE TABLE item(handle INTEGER PRIMARY KEY, item_id INTEGER NOT NULL, path TEXT NOT NULL);"
     "CREATE TABLE segment(id INTEGER PRIMARY KEY, handle INTEGER NOT NULL,"
     " layer INTEGER NOT NULL, first INTEGER NOT NULL, seq INTEGER NOT NULL,"
@@ -21,7 +20,7 @@ constexpr const char* kSchema =
     " layer INTEGER NOT NULL, first INTEGER NOT NULL, last INTEGER NOT NULL,"
     " count INTEGER NOT NULL, data BLOB, found INTEGER NOT NULL, reason TEXT NOT NULL);"
     "CREATE TABLE meta(key TEXT PRIMARY KEY, value) WITHOUT ROWID;"
-    "INSERT INTO meta VALUES('format', 1);";
+    "INSERT INTO meta VALUES('format', 1);"};
 
 }  // namespace
 
@@ -40,23 +39,9 @@ Store::Store(const StoreParameters& parameters, std::int64_t maxBytes, Counters&
                 "SELECT handle, layer, ?2, ?3, ?4, data, ?5, ?6 FROM segment WHERE id = ?1"),
       removeDamaged_(db_, "DELETE FROM damaged WHERE last < ?1") {}
 
-Store::Opened Store::open(const std::string& file, bool thorough) {
+Opened Store::open(const std::string& file, bool thorough) {
   close();
-  if (!db_.open(file, Database::Mode::kReadWrite)) return Opened::kUnavailable;
-  const bool isNew = db_.number("SELECT count(*) FROM sqlite_master") == 0;
-  if (!db_.failed()) {
-    if (isNew ? space_.configure() && createSchema() : schemaFits() && space_.configure()) {
-      if (thorough && !space_.isIntact()) return Opened::kUnreadable;
-      if (prepareAll()) {
-        nextItem_ = db_.number("SELECT max(handle) FROM item") + 1;
-        nextSegment_ = db_.number("SELECT max(id) FROM segment") + 1;
-      }
-    } else if (!db_.failed()) {
-      return Opened::kUnreadable;
-    }
-  }
-  if (!db_.failed()) return Opened::kReady;
-  return db_.isUnreadable() ? Opened::kUnreadable : Opened::kUnavailable;
+  return openWithSchema(db_, space_, kSchema, file, thorough, [this] { return prepare(); });
 }
 
 void Store::close() {
@@ -65,28 +50,14 @@ void Store::close() {
   db_.close();
 }
 
-bool Store::createSchema() {
-  const std::string head = "PRAGMA application_id=" + std::to_string(kApplication) +
-                           ";PRAGMA user_version=" + std::to_string(kFormat);
-  return db_.exec("BEGIN IMMEDIATE") && db_.exec(kSchema) && db_.exec(head.c_str()) &&
-         db_.exec("COMMIT");
-}
-
-// False without a failure: the file is a database, but none of ours.
-bool Store::schemaFits() {
-  const std::int64_t version = db_.number("PRAGMA user_version");
-  if (db_.number("PRAGMA application_id") != kApplication || version < 1 || version > kFormat) {
+bool Store::prepare() {
+  if (!segments_.prepare() || !insertItem_.prepare() || !insertSegment_.prepare() ||
+      !removeSegment_.prepare() || !setApart_.prepare() || !removeDamaged_.prepare()) {
     return false;
   }
-  if (db_.failed() || prepareAll()) return !db_.failed();
-  // A table or column is missing: SQLite's plain error, which says nothing of the file's state.
-  if ((db_.code() & 0xFF) == 1) db_.clearFailure();
-  return false;
-}
-
-bool Store::prepareAll() {
-  return segments_.prepare() && insertItem_.prepare() && insertSegment_.prepare() &&
-         removeSegment_.prepare() && setApart_.prepare() && removeDamaged_.prepare();
+  nextItem_ = db_.number("SELECT max(handle) FROM item") + 1;
+  nextSegment_ = db_.number("SELECT max(id) FROM segment") + 1;
+  return !db_.failed();
 }
 
 void Store::finalizeAll() {

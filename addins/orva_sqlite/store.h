@@ -11,6 +11,7 @@
 #include "share/archive_provider.h"
 #include "sqlite_base/database.h"
 #include "sqlite_base/file_space.h"
+#include "sqlite_base/schema.h"
 #include "sqlite_base/store_parameters.h"
 
 namespace orva::sqlite {
@@ -23,11 +24,6 @@ class Store {
   Store(const StoreParameters& parameters, std::int64_t maxBytes, Counters& counters);
   ~Store() { close(); }
 
-  enum class Opened {
-    kReady,
-    kUnavailable,  // not now: try again later
-    kUnreadable,   // no archive of a form that is known here
-  };
   // Opens the file, or begins a new one. `thorough` also has every page checked.
   Opened open(const std::string& file, bool thorough);
   void close();
@@ -62,9 +58,7 @@ class Store {
   Database& db() { return db_; }
 
  private:
-  bool createSchema();
-  bool schemaFits();
-  bool prepareAll();
+  bool prepare();
   void finalizeAll();
 
   const StoreParameters parameters_;

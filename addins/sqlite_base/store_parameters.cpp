@@ -7,6 +7,8 @@
 #include <charconv>
 #include <string_view>
 
+#include "host/trace.h"
+
 namespace orva::sqlite {
 namespace {
 
@@ -71,6 +73,17 @@ StoreParameters parseStoreParameters(const std::string& text, std::vector<std::s
     const std::string_view pair = trimmed(rest.substr(0, end));
     if (!pair.empty()) readPair(pair, parameters, problems);
     rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  return parameters;
+}
+
+StoreParameters tracedStoreParameters(const char* provider, const std::string& location,
+                                      const std::string& text) {
+  std::vector<std::string> problems;
+  StoreParameters parameters = parseStoreParameters(text, problems);
+  for (const std::string& problem : problems) {
+    OpcUa_Trace_Imp(kTraceError, "%s: parameters of \"%s\": %s\n", __FILE__, __LINE__, provider,
+                    location.c_str(), problem.c_str());
   }
   return parameters;
 }

@@ -21,5 +21,8 @@ struct StoreParameters {
 
 // Reads the text. What is not understood keeps its default and adds one line to `problems`.
 StoreParameters parseStoreParameters(const std::string& text, std::vector<std::string>& problems);
+// The same, with the problems traced; `provider` begins each line.
+StoreParameters tracedStoreParameters(const char* provider, const std::string& location,
+                                      const std::string& text);
 
 }  // namespace orva::sqlite

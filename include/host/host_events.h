@@ -22,7 +22,7 @@ enum class HostEventKind : std::int32_t {
   kProviderFailure = 6,    // an archive does not work; the first failure, not each attempt
   kProviderRecovered = 7,  // it works again
   kSamplesDropped = 8,     // `count` of them since the source's last such event
-  kEventsLost = 9,         // `count` events; nobody posts it, who records events says so by it
+  kEventsLost = 9,         // `count` events, by one who records them
 };
 
 enum class HostEventSeverity : std::int32_t { kInformation = 0, kWarning = 1, kError = 2 };
