@@ -41,7 +41,7 @@ endfunction()
 
 # orva_link_parts(<target>): the libraries a test or benchmark is made of, dependents first.
 function(orva_link_parts target)
-  foreach(part orva_sqlite_static orva_database_static orva_host_lib)
+  foreach(part orva_events_log_static orva_sqlite_static orva_database_static orva_host_lib)
     if(TARGET ${part})
       target_link_libraries(${target} PUBLIC ${part})
     endif()

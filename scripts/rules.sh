@@ -19,11 +19,11 @@ forbid() {
 
 quoted='^ *# *include *"'
 forbid 'shared headers include shared headers only' "$quoted(orva_|support/|\.)" include
-forbid 'the host knows no add-in' "$quoted(orva_(database|sqlite)|support)/" host
+forbid 'the host knows no add-in' "$quoted(orva_(database|sqlite|events_log)|sqlite_base|support)/" host
 forbid 'the history add-in sees only include/ and its own folder' \
-  "$quoted(orva_(host|sqlite)|support)/" addins/orva_database
+  "$quoted(orva_(host|sqlite|events_log)|sqlite_base|support)/" addins/orva_database
 forbid 'a provider sees only include/ and its own folder' \
-  "$quoted(orva_(host|database)|support)/" addins/orva_sqlite addins/sqlite_base
+  "$quoted(orva_(host|database)|support)/" addins/orva_sqlite addins/sqlite_base addins/orva_events_log
 forbid 'includes are rooted' "$quoted\.\.?/" addins host include tests bench
 
 standard='std::(recursive_|shared_|timed_)*mutex|std::(lock_guard|unique_lock|scoped_lock|shared_lock)'
