@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "orva_database/counters.h"
 #include "orva_database/sampling.h"
 #include "share/archive_request.h"
 
@@ -142,19 +143,23 @@ std::uint32_t Request::Item::availableSpace() const {
 
 SharedInterval Request::Item::open(std::int32_t layer, std::int64_t start, std::int64_t end,
                                    Sink sink) {
+  std::uint32_t index = 0;
+  {
+    MutexLock lock(mutex_);
+    index = static_cast<std::uint32_t>(intervals_.size());
+  }
+  // An interval that ends unfinished, as it does when memory runs out here, takes the mutex.
+  SharedInterval interval(new Interval(weak_from_this(), index, layer, start, end, cacheId, sink));
+  // Weakly: the item owns the interval.
+  interval->addListner([item = weak_from_this()](const SharedInterval& done) {
+    if (const SharedItem owner = item.lock()) owner->intervalComplite(done);
+  });
   MutexLock lock(mutex_);
-  SharedInterval interval(new Interval(weak_from_this(),
-                                       static_cast<std::uint32_t>(intervals_.size()), layer, start,
-                                       end, cacheId, sink));
   if (!values_.empty()) {
     interval->hint_ = std::prev(values_.end());
     interval->anchored_ = true;
   }
   intervals_.push_back(interval);
-  // Weakly: the item owns the interval.
-  interval->addListner([item = weak_from_this()](const SharedInterval& done) {
-    if (const SharedItem owner = item.lock()) owner->intervalComplite(done);
-  });
   return interval;
 }
 
@@ -221,6 +226,7 @@ void Request::Item::finalize() {
       values_.resize(numValuesPerNode);
       continuationPoint_ = nextTick(values_.back()->time);
     }
+    counters.valuesReturned.add(values_.size());
   }
   if (const SharedRequest owner = request.lock()) owner->finalizeItem(cacheId);
 }
