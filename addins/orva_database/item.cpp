@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <limits>
 
-#include "orva_database/counters.h"
 #include "orva_database/sampling.h"
 #include "share/archive_request.h"
 
@@ -226,7 +225,6 @@ void Request::Item::finalize() {
       values_.resize(numValuesPerNode);
       continuationPoint_ = nextTick(values_.back()->time);
     }
-    counters.valuesReturned.add(values_.size());
   }
   if (const SharedRequest owner = request.lock()) owner->finalizeItem(cacheId);
 }
