@@ -1,6 +1,8 @@
 #include "orva_database/database_addin.h"
 
+#include "host/archive_source.h"
 #include "host/trace.h"
+#include "orva_database/database_arch_source_factory.h"
 #include "orva_database/guarded.h"
 #include "orva_database/request_processor.h"
 #include "orva_database/write_data_fb.h"
@@ -14,6 +16,7 @@ namespace {
 constexpr unsigned kEveryEvent = 65535;
 
 // The host's configuration events that concern this add-in; it fixes the numbers only.
+constexpr ConfigProcessorMode kOfferSources = 0;
 constexpr ConfigProcessorMode kStartArchives = 2;
 constexpr ConfigProcessorMode kReload = 8;
 constexpr ConfigProcessorMode kClear = 9;
@@ -56,6 +59,9 @@ int DataBaseAddin::OnConfigEvent(ConfigProcessorMode mode, ControllerConfig*) {
 
 void DataBaseAddin::handle(ConfigProcessorMode mode) {
   switch (mode) {
+    case kOfferSources:
+      ArchiveAddin::AddSourceFactory("sqlite3", new DatabaseArchSourceFactory);
+      break;
     case kStartArchives:
     case kReload:
       dataManager_->init();

@@ -27,6 +27,7 @@ class ORVA_API DataBaseAddin : public AddinBase {
   // which holds the asynchronous reads.
   int Init(HostCallback callback);
 
+  //  0  offers the host sources of its older archive interface, of the type "sqlite3"
   //  2  both managers read their configuration and start their archives
   //  8  the same; archives that exist go on as they are, so nothing that is bound to them is lost
   //  9  the archives end; 2 may follow
