@@ -75,6 +75,8 @@ class Layer {
   void drain();
 
   bool cached() const { return cached_; }
+  // Whether the writer asks those who can wait to wait.
+  bool crowded() const { return writer_ != nullptr && writer_->crowded(); }
   std::uint32_t number() const { return layer_; }
   // The oldest sample of the first live block, null when there is none.
   PinPtr oldest() const;

@@ -50,17 +50,27 @@ CachedItem& CachedItem::operator<<(const PinPtr& sample) {
   return *this;
 }
 
-bool CachedItem::write(const PinPtr& sample) {
+bool CachedItem::write(const PinPtr& sample) { return offer(sample) != Offer::stopped; }
+
+CachedItem::Offer CachedItem::offer(const PinPtr& sample) {
   MutexLock lock(mutex_);
-  if (stopped_) return false;
-  accept(sample);
-  return true;
+  if (stopped_) return Offer::stopped;
+  return accept(sample) ? Offer::taken : Offer::refused;
 }
 
-void CachedItem::accept(const PinPtr& sample) {
-  if (!filter_(last_, sample)) return;
+bool CachedItem::crowded() const {
+  MutexLock lock(mutex_);
+  for (const auto& [number, layer] : layers_) {
+    if (layer.crowded()) return true;
+  }
+  return false;
+}
+
+bool CachedItem::accept(const PinPtr& sample) {
+  if (!filter_(last_, sample)) return false;
   last_ = sample;
   for (auto& [number, layer] : layers_) layer << sample;
+  return true;
 }
 
 void CachedItem::load(const archive::SharedItem& item, const Options& options) {

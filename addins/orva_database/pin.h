@@ -49,6 +49,11 @@ class CachedItem {
   // The same, unless the item is stopped: then nothing happens and the result is false, so that a
   // writer which holds the item for long can go to its successor without losing the sample.
   bool write(const PinPtr& sample) EXCLUDES(mutex_);
+  // The same, and whether the filter took the sample.
+  enum class Offer { taken, refused, stopped };
+  Offer offer(const PinPtr& sample) EXCLUDES(mutex_);
+  // Whether a layer's writer asks those who can wait with their samples to wait.
+  bool crowded() const EXCLUDES(mutex_);
 
   // Answers from the layer that the options name; a layer the item does not have leaves the
   // request untouched.
@@ -79,7 +84,8 @@ class CachedItem {
   }
 
  private:
-  void accept(const PinPtr& sample) REQUIRES(mutex_);
+  // Whether the filter took it.
+  bool accept(const PinPtr& sample) REQUIRES(mutex_);
   void listenForEdges(const archive::SharedItem& item) REQUIRES(mutex_);
   void drainLearnt() const REQUIRES(mutex_);
 

@@ -20,6 +20,7 @@ struct Stream;
 class Intake {
  public:
   virtual void accept(Stream& stream, const PinPtr& pin) = 0;
+  virtual bool crowded() const { return false; }
 
  protected:
   ~Intake() = default;
@@ -31,6 +32,7 @@ struct Stream final : archive::ILayerWriter, BufferedStream {
       : intake(target), item(owner), layer(number) {}
 
   void write(const PinPtr& pin) override { intake.accept(*this, pin); }
+  bool crowded() const override { return intake.crowded(); }
 
   Intake& intake;
   Item& item;

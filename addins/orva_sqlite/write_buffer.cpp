@@ -56,6 +56,8 @@ bool WriteBuffer::offer(BufferedStream& stream, const PinPtr& pin) {
   return true;
 }
 
+bool WriteBuffer::crowded() const { return waiting() >= (capacity_ + 1) / 2; }
+
 std::size_t WriteBuffer::waiting() const {
   MutexLock lock(mutex_);
   return static_cast<std::size_t>(nextNumber_ - headNumber_);

@@ -61,6 +61,8 @@ class WriteBuffer {
   // ---- writers
   // False when the buffer is full: the sample is not taken.
   bool offer(BufferedStream& stream, const PinPtr& pin) EXCLUDES(mutex_);
+  // Whether half of the capacity is used, or more.
+  bool crowded() const EXCLUDES(mutex_);
 
   // ---- the writer's thread
   std::size_t waiting() const EXCLUDES(mutex_);

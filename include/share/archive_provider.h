@@ -32,6 +32,9 @@ class ORVA_API ILayerWriter {
   // sample into a bounded buffer and return. Never wait for storage, never call back. With a full
   // buffer drop this sample, count it, and trace at most one line a second.
   virtual void write(const PinPtr& pin) = 0;
+  // Whether half of the buffer is used, or more: whoever can wait with its samples, since it gets
+  // them from a place that keeps them, does. Called like write().
+  virtual bool crowded() const { return false; }
   virtual ~ILayerWriter() = default;
 };
 

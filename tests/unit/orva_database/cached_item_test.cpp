@@ -106,6 +106,26 @@ class CachedItemTest : public ::testing::Test {
 
 }  // namespace
 
+TEST_F(CachedItemTest, OfferTellsWhetherTheFilterTookTheSample) {
+  EXPECT_EQ(item->offer(realPin(5, 1)), CachedItem::Offer::taken);
+  EXPECT_EQ(item->offer(realPin(4, 1)), CachedItem::Offer::refused);
+  item->stop();
+  EXPECT_EQ(item->offer(realPin(6, 1)), CachedItem::Offer::stopped);
+}
+
+TEST_F(CachedItemTest, IsCrowdedWhileTheWriterOfAnyLayerIs) {
+  struct : archive::ILayerWriter {
+    void write(const PinPtr&) override {}
+    bool crowded() const override { return full; }
+    bool full = false;
+  } calm, busy;
+  item->addLayer(calm, 0);
+  item->addLayer(busy, 2);
+  EXPECT_FALSE(item->crowded());
+  busy.full = true;
+  EXPECT_TRUE(item->crowded());
+}
+
 TEST_F(CachedItemTest, NewItemKnowsNothing) {
   const auto fresh = CachedItem::make();
   EXPECT_FALSE(fresh->first());

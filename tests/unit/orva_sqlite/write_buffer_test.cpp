@@ -35,6 +35,15 @@ class WriteBufferTest : public ::testing::Test {
   BufferedStream b_;
 };
 
+TEST_F(WriteBufferTest, IsCrowdedFromHalfItsCapacityOnUntilABatchIsTaken) {
+  for (std::int64_t time = 1; time <= 4; ++time) offer(a_, time);
+  EXPECT_FALSE(buffer_.crowded());
+  offer(b_, 5);
+  EXPECT_TRUE(buffer_.crowded());
+  buffer_.takeBatch();
+  EXPECT_FALSE(buffer_.crowded());
+}
+
 TEST_F(WriteBufferTest, TheWriterIsWokenByTheFirstSampleAndWhenABatchWaits) {
   const std::uint64_t start = wake_.count();
   offer(a_, 1);
