@@ -93,6 +93,36 @@ TEST_F(JsonMethodsPageTest, EachRequestHasTheReplyThatStandsBelowIt) {
   EXPECT_GE(examples, 7);
 }
 
+// What is typed in a session stands behind "> ", all else is what the client prints.
+void splitSession(const std::string& session, std::string& typed, std::string& printed) {
+  std::istringstream lines(session);
+  for (std::string line; std::getline(lines, line);) {
+    const bool isTyped = line.compare(0, 2, "> ") == 0;
+    (isTyped ? typed : printed) += line.substr(isTyped ? 2 : 0) + "\n";
+  }
+}
+
+TEST(ArchiveInterfacePageTest, TheSessionsOfThePageGoAsTheyStandThere) {
+  const TempFolder folder;
+  std::string config;
+  int sessions = 0;
+  for (const Fence& fence : fencesOf("docs/archive-interface.md")) {
+    if (fence.info == "json archive-client configuration") {
+      config = folder.write("plant.json", fence.text);
+    } else if (fence.info == "archive-client session") {
+      std::string typed;
+      std::string printed;
+      splitSession(fence.text, typed, printed);
+      const ProgramResult result = runHost({"--config", config, "--addins", ORVA_ADDIN_DIR,
+                                            "--archive-client", folder.write("script", typed)});
+      EXPECT_EQ(result.exitCode, 0) << result.err;
+      EXPECT_EQ(result.out, printed);
+      ++sessions;
+    }
+  }
+  EXPECT_EQ(sessions, 2);
+}
+
 TEST(ProviderGuideTest, TheProviderOfTheGuideIsTheOneThatIsBuilt) {
   const std::string source =
       readFile(std::string(ORVA_SOURCE_DIR) + "/examples/memory_provider/memory_provider.cpp");

@@ -80,13 +80,14 @@ ProgramResult runHost(const std::vector<std::string>& arguments, int timeoutMs) 
   return {exitCodeOf(status), readFile(folder.path("out")), readFile(folder.path("err"))};
 }
 
-HostProcess::HostProcess(const std::string& configFile) {
+HostProcess::HostProcess(const std::string& configFile, const std::vector<std::string>& further) {
   const std::string folder = std::filesystem::path(configFile).parent_path().string();
   const std::string output = outputFile(folder);
   outFile_ = output + ".out";
   logFile_ = output + ".log";
-  pid_ =
-      start(commandLine({"--config", configFile, "--addins", ORVA_ADDIN_DIR}), outFile_, logFile_);
+  std::vector<std::string> arguments{"--config", configFile, "--addins", ORVA_ADDIN_DIR};
+  arguments.insert(arguments.end(), further.begin(), further.end());
+  pid_ = start(commandLine(arguments), outFile_, logFile_);
 }
 
 HostProcess::~HostProcess() { killNow(); }
@@ -123,6 +124,10 @@ bool HostProcess::running() {
 
 int HostProcess::stop(int timeoutMs) {
   signal(SIGTERM);
+  return waitForEnd(timeoutMs);
+}
+
+int HostProcess::waitForEnd(int timeoutMs) {
   if (!ended(timeoutMs)) killNow();
   return exitCode_;
 }

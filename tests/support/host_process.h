@@ -26,8 +26,9 @@ ProgramResult runHost(const std::vector<std::string>& arguments, int timeoutMs =
 // Used by one thread.
 class HostProcess {
  public:
-  // Starts it. `configFile`'s folder also gets the files of its output.
-  explicit HostProcess(const std::string& configFile);
+  // Starts it, with these further arguments. `configFile`'s folder also gets the files of its
+  // output.
+  explicit HostProcess(const std::string& configFile, const std::vector<std::string>& further = {});
   ~HostProcess();  // kill -9 if it still runs
   HostProcess(const HostProcess&) = delete;
   HostProcess& operator=(const HostProcess&) = delete;
@@ -39,6 +40,8 @@ class HostProcess {
   // SIGTERM, then waits for the end. Gives the exit code (see ProgramResult); one that does not end
   // within `timeoutMs` is killed.
   int stop(int timeoutMs = 20'000);
+  // The same without the signal.
+  int waitForEnd(int timeoutMs = 30'000);
   void killNow();  // kill -9, and waits for the end
   bool running();
   pid_t pid() const { return pid_; }
