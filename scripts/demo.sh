@@ -31,5 +31,5 @@ done
 scripts/setup.sh
 say "build release"
 configure release
-build release orva_host orva_database orva_sqlite orva_read_history
+build release orva_host orva_database orva_sqlite orva_events_log orva_read_history
 exec scripts/lib/run_demo.sh "$seconds" "$port"

@@ -11,13 +11,14 @@
 namespace orva::events_log {
 namespace {
 
-// The same for every spelling of a place.
+// The same for every spelling of a place, whether it exists or not.
 std::string listenerName(const std::string& file) {
   namespace fs = std::filesystem;
   std::error_code error;
-  fs::path path = fs::weakly_canonical(file, error);
-  if (error) path = fs::absolute(file, error);
-  return "eventslog: " + (error ? file : path.lexically_normal().string());
+  const fs::path absolute = fs::absolute(file, error);
+  if (error) return "eventslog: " + file;
+  const fs::path canonical = fs::weakly_canonical(absolute, error);
+  return "eventslog: " + (error ? absolute.lexically_normal() : canonical).string();
 }
 
 }  // namespace

@@ -11,7 +11,7 @@ std::string PlantConfig::text() const {
   return "{\"log\": " + log + member("addins", addins) + member("layers", layers) +
          member("variables", variables) + member("programs", programs) +
          member("sources", sources) + member("http", http) + member("DataArchive", dataArchive) +
-         "}\n";
+         member("EventsArchive", eventsArchive) + "}\n";
 }
 
 std::string variable(int id, const std::string& path, const std::string& type,

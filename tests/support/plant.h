@@ -27,6 +27,7 @@ struct PlantConfig {
     "connection": {"providerType": "sqlite", "location": "store"},
     "limits": {"writePeriod": 1000000, "writeBufferSize": 100000},
     "filter": {"allValues": true}}]})";
+  std::string eventsArchive;  // none
 
   std::string text() const;
 };
