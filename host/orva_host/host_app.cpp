@@ -18,6 +18,7 @@
 #include "orva_host/config_file.h"
 #include "orva_host/config_sections.h"
 #include "orva_host/host_metrics.h"
+#include "orva_host/host_network.h"
 #include "orva_host/http_methods.h"
 #include "orva_host/http_server.h"
 #include "orva_host/metrics_route.h"
@@ -73,6 +74,7 @@ struct HostApp::Parts {
   ArchiveClient client;
   ProgramRunner programs;
   SourceRunner sources;
+  HostNetwork network;
   HttpServer http;
   HostMetrics metrics{http};
 };
@@ -142,8 +144,12 @@ int HostApp::check() {
 bool HostApp::start() {
   postEvent(HostEventKind::kStarted, HostEventSeverity::kInformation,
             "version " ORVA_VERSION ", configuration " + configFile_);
+  if (!options_.archiveClient && failed(parts_->network.open(parts_->config.network))) return false;
   if (failed(startAddins(parts_->addins))) return false;
-  deliver({0, 1, 2, 3, 4, 5, 6, 7});
+  deliver({0, 1, 2});
+  // The archives are there, and other controllers may ask for them.
+  parts_->network.serve();
+  deliver({3, 4, 5, 6, 7});
   if (options_.archiveClient) {
     parts_->client.start([this] { parts_->signals.give(SIGTERM); });
     return true;
@@ -196,6 +202,7 @@ void HostApp::reread() {
     logMsg("%s: %s\n", config.log.file.c_str(), std::strerror(error));
   }
   useInstallation(config);
+  parts_->network.reread(config.network);
   deliver({8, 3, 7});
   logMsg("the configuration was read again\n");
   postEvent(HostEventKind::kConfigurationRead, HostEventSeverity::kInformation, configFile_);
@@ -211,11 +218,13 @@ void HostApp::stop() {
   parts_->programs.stop();
   parts_->sources.stop();
   parts_->http.stop(kRequestGraceMs);
+  parts_->network.stop();
   parts_->client.stop(kRequestGraceMs);
   // Before event 9, which ends the archives that store it.
   postEvent(HostEventKind::kStopping, HostEventSeverity::kInformation, "");
   deliver({8, 9});
-  const bool servedAll = parts_->http.joinWithin(kLastGraceMs);
+  const bool servedHttp = parts_->http.joinWithin(kLastGraceMs);
+  const bool servedAll = parts_->network.joinWithin(kLastGraceMs) && servedHttp;
   if (parts_->client.joinWithin(kLastGraceMs) && servedAll) return;
   // A handler that waits for nothing of ours any more will not end. Everything accepted is
   // stored, so the process may go without it.

@@ -10,7 +10,8 @@ std::string PlantConfig::text() const {
   };
   return "{\"log\": " + log + member("addins", addins) + member("layers", layers) +
          member("variables", variables) + member("programs", programs) +
-         member("sources", sources) + member("http", http) + member("DataArchive", dataArchive) +
+         member("sources", sources) + member("http", http) + member("network", network) +
+         member("RemoteData", remoteData) + member("DataArchive", dataArchive) +
          member("EventsArchive", eventsArchive) + "}\n";
 }
 

@@ -21,6 +21,8 @@ struct PlantConfig {
   std::string programs = "[]";
   std::string sources = "[]";
   std::string http = R"({"port": 0})";
+  std::string network;     // none
+  std::string remoteData;  // none
   // One archive that keeps every value, with a transaction each tenth of a second, and room for
   // what a program writes at once.
   std::string dataArchive = R"({"archives": [{
