@@ -4,6 +4,7 @@
 #include "host/trace.h"
 #include "orva_database/database_arch_source_factory.h"
 #include "orva_database/guarded.h"
+#include "orva_database/remote_archive_source.h"
 #include "orva_database/request_processor.h"
 #include "orva_database/write_data_fb.h"
 #include "share/archive_manager.h"
@@ -18,6 +19,8 @@ constexpr unsigned kEveryEvent = 65535;
 // The host's configuration events that concern this add-in; it fixes the numbers only.
 constexpr ConfigProcessorMode kOfferSources = 0;
 constexpr ConfigProcessorMode kStartArchives = 2;
+constexpr ConfigProcessorMode kConfigureRemote = 3;
+constexpr ConfigProcessorMode kStartRemote = 7;
 constexpr ConfigProcessorMode kReload = 8;
 constexpr ConfigProcessorMode kClear = 9;
 }  // namespace
@@ -62,8 +65,16 @@ void DataBaseAddin::handle(ConfigProcessorMode mode) {
     case kOfferSources:
       ArchiveAddin::AddSourceFactory("sqlite3", new DatabaseArchSourceFactory);
       break;
-    case kStartArchives:
+    case kConfigureRemote:
+      archive::RemoteArchiveSource::Instance()->Init();
+      break;
+    case kStartRemote:
+      archive::RemoteArchiveSource::Instance()->Start();
+      break;
     case kReload:
+      archive::RemoteArchiveSource::Instance()->Stop();
+      [[fallthrough]];
+    case kStartArchives:
       dataManager_->init();
       eventsManager_->init();
       break;

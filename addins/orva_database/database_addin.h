@@ -29,7 +29,10 @@ class ORVA_API DataBaseAddin : public AddinBase {
 
   //  0  offers the host sources of its older archive interface, of the type "sqlite3"
   //  2  both managers read their configuration and start their archives
-  //  8  the same; archives that exist go on as they are, so nothing that is bound to them is lost
+  //  3  the remote archive source reads its configuration
+  //  7  the remote archive source starts
+  //  8  it stops, and the managers do as at 2; archives that exist go on as they are, so nothing
+  //     that is bound to them is lost
   //  9  the archives end; 2 may follow
   //  everything else: nothing
   // Always 0, whatever the managers do.

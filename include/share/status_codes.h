@@ -20,6 +20,7 @@ constexpr StatusCode kBadWaiting = 0x80320000;  // not yet complete
 constexpr StatusCode kBadNotFound = 0x803E0000;
 constexpr StatusCode kBadNothingResolved = 0x80420000;
 constexpr StatusCode kBadInvalidArgument = 0x805A0000;
+constexpr StatusCode kBadTypeMismatch = 0x80740000;
 constexpr StatusCode kBadNotSupported = 0x80750000;
 constexpr StatusCode kBadRequest = 0x80B60000;
 }  // namespace status

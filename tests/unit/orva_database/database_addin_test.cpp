@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/request_dispatch.h"
+#include "orva_database/remote_archive_source.h"
 #include "orva_host/config_events.h"
 #include "orva_host/config_sections.h"
 #include "orva_host/lua_state.h"
@@ -156,15 +157,35 @@ TEST_F(DataBaseAddinTest, EventNineEndsTheArchivesAndEventTwoStartsThemAnew) {
 }
 
 TEST_F(DataBaseAddinTest, OtherEventsChangeNoArchive) {
-  for (const int mode : {0, 1, 3, 4, 5, 6, 7, 10, 1000, -1}) {
+  for (const int mode : {0, 1, 3, 4, 5, 6, 10, 1000, -1}) {
     EXPECT_EQ(event(mode), 0) << mode;
     EXPECT_EQ(factory.count(), 0U) << mode;
   }
   event(2);
-  for (const int mode : {0, 1, 3, 4, 5, 6, 7, 10, 1000, -1}) {
+  for (const int mode : {0, 1, 3, 4, 5, 6, 10, 1000, -1}) {
     EXPECT_EQ(event(mode), 0) << mode;
     EXPECT_EQ(archive().calls(), Texts({"loadFilter", "start"})) << mode;
   }
+}
+
+TEST_F(DataBaseAddinTest, Event3ConfiguresTheRemoteSource) {
+  host::setConfigSection("RemoteData", R"({"requestPeriod":5,"items":[{"controllerIndex":2}]})");
+  EXPECT_EQ(event(3), 0);
+  EXPECT_EQ(archive::RemoteArchiveSource::Instance()->requestPeriod(), 5);
+  EXPECT_EQ(archive::RemoteArchiveSource::Instance()->controllers().count(2), 1U);
+  host::setConfigSection("RemoteData", "not JSON");
+  EXPECT_EQ(event(3), 0);
+  EXPECT_TRUE(archive::RemoteArchiveSource::Instance()->controllers().empty());
+}
+
+TEST_F(DataBaseAddinTest, Event8StopsTheRemoteSourceThatEvent7StartedAndStartsTheArchives) {
+  clock.setAutoAdvance(false);
+  const int before = clock.waiting();
+  EXPECT_EQ(event(7), 0);
+  while (clock.waiting() == before) std::this_thread::yield();
+  EXPECT_EQ(event(8), 0);
+  EXPECT_EQ(clock.waiting(), before);
+  EXPECT_EQ(factory.count(), 1U);
 }
 
 TEST_F(DataBaseAddinTest, EventsAnswerZeroWhateverTheManagerDoes) {

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+#include <cstdint>
+#include <list>
+#include <vector>
+
+#include "orva_database/cache.h"
+#include "orva_database/local_end.h"
+#include "orva_database/remote_message.h"
+#include "orva_database/remote_source_info.h"
+
+namespace orva::archive {
+
+// What became of the samples of one controller.
+struct RemoteCounts {
+  std::uint64_t stored = 0;
+  std::uint64_t refused = 0;     // by the local write filter, or older than what is there
+  std::uint64_t duplicates = 0;  // were there already
+  std::uint64_t skipped = 0;     // of a form or type that cannot be taken
+};
+
+// One remote item at work: where its next page begins, and its samples on their way into the local
+// item. Nothing is asked before the page before is stored, so a sample that was received is stored
+// or counted.
+//
+// A continuation point of the other controller's is exact, to the tick, while its samples come with
+// times cut to milliseconds. After a start the point is derived from the newest local time, so the
+// samples of that millisecond may come once more; those are dropped, one for one.
+//
+// For one thread, the one that runs the exchanges.
+class RemoteItem {
+ public:
+  RemoteItem(const RemoteSourceInfo& info, RemoteCounts& counts) : info_(info), counts_(counts) {}
+  RemoteItem(const RemoteItem&) = delete;
+  RemoteItem& operator=(const RemoteItem&) = delete;
+
+  // Brings the item on as far as goes without waiting: finds the local item, where it ends, and
+  // stores what was received. True when the next page may be asked for.
+  bool prepare();
+  bool hasToStore() const { return !info_.values.empty(); }
+  std::int64_t continuationPoint() const { return info_.continuationPoint; }
+  const RemoteSourceInfo& info() const { return info_; }
+  // The answer to a question from continuationPoint(). True when there is more to ask for at once.
+  bool take(const RemoteItemReply& reply);
+
+ private:
+  bool findPin();
+  bool findStart();
+  bool store();
+  void receive(const json::Value& values);
+  bool isRepeated(const Pin& sample);
+  void noteRemoteStatus(StatusCode status);
+
+  RemoteSourceInfo info_;
+  RemoteCounts& counts_;
+  std::int64_t cacheId_ = cache::Cache::ID_NOT_FOUND;
+  boost::shared_ptr<cache::CachedItem> pin_;
+  bool unresolved_ = false;  // and traced
+  std::int64_t lookedUpAt_ = 0;
+  bool started_ = false;  // continuationPoint is set
+  // The other side gave continuationPoint: whatever comes from there on was not here before.
+  bool exact_ = false;
+  LocalEnd localEnd_;
+  // The samples of the newest millisecond that were received or found here, and of these the ones
+  // that may come again.
+  std::int64_t newestTime_ = 0;
+  std::list<PinPtr> newest_;
+  std::list<PinPtr> expected_;
+  StatusCode remoteStatus_ = 0;
+};
+
+}  // namespace orva::archive
