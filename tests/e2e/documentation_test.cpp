@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "share/json.h"
+#include "sqlite_base/database.h"
 #include "support/plant.h"
 
 namespace orva::test {
@@ -121,6 +123,44 @@ TEST(ArchiveInterfacePageTest, TheSessionsOfThePageGoAsTheyStandThere) {
     }
   }
   EXPECT_EQ(sessions, 2);
+}
+
+// The rows of a query, their fields separated by bars.
+std::string rowsOf(sqlite::Database& db, const std::string& query, int columns) {
+  sqlite::Statement statement(db, query.c_str());
+  sqlite::Query run(statement);
+  std::string rows;
+  while (run.row()) {
+    for (int i = 0; i < columns; ++i) rows += run.text(i) + (i + 1 < columns ? "|" : "\n");
+  }
+  EXPECT_FALSE(db.failed()) << db.failure();
+  return rows;
+}
+
+TEST(EventsLogPageTest, TheFileIsWhatThePageSays) {
+  PlantConfig config;
+  config.addins = R"(["liborva_database.so", "liborva_events_log.so"])";
+  std::string schema;
+  std::string query;
+  std::string result;
+  for (const Fence& fence : fencesOf("docs/events-log.md")) {
+    if (fence.info == "json EventsArchive") config.eventsArchive = fence.text;
+    if (fence.info == "sql schema") schema = fence.text;
+    if (fence.info == "sql query") query = fence.text;
+    if (fence.info == "text") result = fence.text;
+  }
+  Plant plant(config);
+  ASSERT_TRUE(plant.start());
+  ASSERT_EQ(plant.host().stop(), 0);
+  sqlite::Database db;
+  ASSERT_TRUE(
+      db.open(plant.folder().path("data/events/events.db"), sqlite::Database::Mode::kReadOnly));
+  EXPECT_EQ(rowsOf(db, query, 4), result);
+  std::replace(schema.begin(), schema.end(), '\n', ' ');
+  const std::string made =
+      rowsOf(db, "SELECT group_concat(sql || ';', ' ') FROM sqlite_master WHERE type <> 'view'", 1);
+  EXPECT_EQ(schema, made.substr(0, made.size() - 1) + " ");
+  EXPECT_EQ(db.number("PRAGMA user_version"), 1);
 }
 
 TEST(ProviderGuideTest, TheProviderOfTheGuideIsTheOneThatIsBuilt) {
