@@ -113,22 +113,23 @@ void Filter::load(const json::Value& value) {
   readBool(json::member(value, "allValues"), allValues);
 }
 
-bool Filter::operator()(const PinPtr& prev, const PinPtr& cur) const {
-  if (!prev) return true;
+Filter::Rule Filter::rule(const PinPtr& prev, const PinPtr& cur) const {
+  if (!prev) return Rule::first;
   if (cur->time < prev->time) {
     traceOldTime(*prev, *cur);
-    return false;
+    return Rule::oldTime;
   }
-  if (allValues) return true;
+  if (allValues) return Rule::allValues;
   const std::int64_t dt = elapsed(prev->time, cur->time);
-  if (maxWritePeriod != 0 && dt > maxWritePeriod) return true;
-  if (!writeByChange) return false;
-  if (minWritePeriod != 0 && dt < minWritePeriod) return false;
-  if (prev->value.IsEqual(cur->value)) return false;
+  if (maxWritePeriod != 0 && dt > maxWritePeriod) return Rule::maxPeriod;
+  if (!writeByChange) return Rule::withinMaxPeriod;
+  if (minWritePeriod != 0 && dt < minWritePeriod) return Rule::minPeriod;
+  if (prev->value.IsEqual(cur->value)) return Rule::equal;
   const OpcUa_Byte type = cur->value.GetType();
-  if (type == OpcUaType_Boolean || type == OpcUaType_String) return true;
-  if (deadband == 0.0) return true;
-  return leavesDeadband(prev->value, cur->value, deadband);
+  if (type == OpcUaType_Boolean || type == OpcUaType_String) return Rule::change;
+  if (deadband == 0.0) return Rule::change;
+  return leavesDeadband(prev->value, cur->value, deadband) ? Rule::outsideDeadband
+                                                           : Rule::insideDeadband;
 }
 
 }  // namespace orva::archive

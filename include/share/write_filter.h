@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "host/pin.h"
@@ -23,7 +24,25 @@ class ORVA_API Filter {
   void load(const json::Value& value);
 
   // Whether `cur` is to be written; `prev` is the sample written last, null before the first.
-  bool operator()(const PinPtr& prev, const PinPtr& cur) const;
+  bool operator()(const PinPtr& prev, const PinPtr& cur) const { return accepts(rule(prev, cur)); }
+
+  // What decides about a sample. Those that accept stand first.
+  enum class Rule {
+    first,            // there was none before
+    allValues,        // every value is wanted
+    maxPeriod,        // more than maxWritePeriod has passed
+    change,           // another value, and no dead band that counts
+    outsideDeadband,  // it leaves the dead band
+    oldTime,          // earlier than the sample before
+    withinMaxPeriod,  // changes are not wanted, and maxWritePeriod has not passed
+    minPeriod,        // less than minWritePeriod has passed
+    equal,            // the same value
+    insideDeadband,   // it stays inside the dead band
+  };
+  static constexpr std::size_t kRules = 10;
+  static constexpr bool accepts(Rule rule) { return rule <= Rule::outsideDeadband; }
+  // The one that decides about `cur`. Traces a sample that is too old.
+  Rule rule(const PinPtr& prev, const PinPtr& cur) const;
 
   double deadband = 0.0;
   bool writeByChange = false;

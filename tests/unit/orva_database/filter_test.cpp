@@ -345,5 +345,44 @@ TEST(FilterTest, SilencedBlocksDoNotChangeTheDecision) {
   EXPECT_TRUE(writes(filter, real(1), real(2)));
 }
 
+// ---- which rule decides
+
+TEST(FilterTest, ARuleAcceptsOrRefuses) {
+  using Rule = Filter::Rule;
+  for (const Rule rule :
+       {Rule::first, Rule::allValues, Rule::maxPeriod, Rule::change, Rule::outsideDeadband}) {
+    EXPECT_TRUE(Filter::accepts(rule)) << static_cast<int>(rule);
+  }
+  for (const Rule rule :
+       {Rule::oldTime, Rule::withinMaxPeriod, Rule::minPeriod, Rule::equal, Rule::insideDeadband}) {
+    EXPECT_FALSE(Filter::accepts(rule)) << static_cast<int>(rule);
+  }
+  EXPECT_EQ(static_cast<std::size_t>(Rule::insideDeadband) + 1, Filter::kRules);
+}
+
+TEST(FilterTest, TheRuleThatDecidesIsTold) {
+  using Rule = Filter::Rule;
+  const test::TraceCapture trace;
+  const PinPtr last = makePin(1000, real(5));
+  const auto rule = [&last](const Filter& filter, std::int64_t time,
+                            const OpcUa_VariantHlp& value) {
+    return filter.rule(last, makePin(time, value));
+  };
+  Filter periods = onChange(1);
+  periods.minWritePeriod = 10;
+  periods.maxWritePeriod = 100;
+  EXPECT_EQ(periods.rule({}, last), Rule::first);
+  EXPECT_EQ(rule(loaded(R"({"allValues":true})"), 1000, real(5)), Rule::allValues);
+  EXPECT_EQ(rule(loaded(R"({"allValues":true})"), 999, real(6)), Rule::oldTime);
+  EXPECT_EQ(rule(periods, 1101, real(5)), Rule::maxPeriod);
+  EXPECT_EQ(rule(Filter(), 1100, real(6)), Rule::withinMaxPeriod);
+  EXPECT_EQ(rule(periods, 1009, real(9)), Rule::minPeriod);
+  EXPECT_EQ(rule(periods, 1010, real(5)), Rule::equal);
+  EXPECT_EQ(rule(periods, 1010, text("x")), Rule::change);
+  EXPECT_EQ(rule(onChange(), 1001, real(5.1)), Rule::change);
+  EXPECT_EQ(rule(periods, 1010, real(6)), Rule::outsideDeadband);
+  EXPECT_EQ(rule(periods, 1010, real(5.5)), Rule::insideDeadband);
+}
+
 }  // namespace
 }  // namespace orva::archive::filter_test
