@@ -29,8 +29,13 @@ using Provider = boost::shared_ptr<IDataArchiveProc>;
 struct DataArchiveManager::State {
   using LayerKey = std::pair<std::int64_t, std::int32_t>;  // cache id, layer
 
-  // (milliseconds left, request): weakly, so that what nobody waits for goes.
-  using Pending = std::list<std::pair<std::int32_t, boost::weak_ptr<Request>>>;
+  // A request until its time is up.
+  struct Waiter {
+    std::int32_t leftMs;
+    bool limited;                      // whether the end of its time counts as a time-out
+    boost::weak_ptr<Request> request;  // weakly, so that what nobody waits for goes
+  };
+  using Pending = std::list<Waiter>;
 
   // One read of one archive, to be made under no lock.
   struct Target {

@@ -1,4 +1,5 @@
 #include "orva_database/archive_manager_state.h"
+#include "orva_database/counters.h"
 #include "orva_database/guarded.h"
 #include "share/ticks.h"
 
@@ -29,14 +30,14 @@ void DataArchiveManager::State::countDown() {
   {
     MutexLock lock(queueMutex);
     for (auto entry = pending.begin(); entry != pending.end();) {
-      auto& [leftMs, request] = *entry;
-      if (leftMs >= kPassMs && !request.expired()) {
-        leftMs -= kPassMs;
+      if (entry->leftMs >= kPassMs && !entry->request.expired()) {
+        entry->leftMs -= kPassMs;
         ++entry;
         continue;
       }
-      if (SharedRequest due = request.lock()) {
+      if (SharedRequest due = entry->request.lock()) {
         timedOut.push_back(due);
+        if (entry->limited && !due->complete()) counters.readTimeouts.add();
         timeOut(*due);
       }
       entry = pending.erase(entry);
@@ -48,8 +49,9 @@ void DataArchiveManager::State::countDown() {
 // Requests that no archive will answer any more.
 void DataArchiveManager::State::releaseWaiters(const Pending& waiters) {
   for (const auto& waiter : waiters) {
-    const SharedRequest request = waiter.second.lock();
+    const SharedRequest request = waiter.request.lock();
     if (!request || request->complete()) continue;
+    if (waiter.limited) counters.readTimeouts.add();
     timeOut(*request);
     request->runTimeoutListener();
   }

@@ -4,6 +4,7 @@
 #include "host/host_time.h"
 #include "host/trace.h"
 #include "orva_database/archive_manager_state.h"
+#include "orva_database/counters.h"
 #include "orva_database/guarded.h"
 #include "share/ticks.h"
 
@@ -81,6 +82,7 @@ class ReadLimit {
 };
 
 void giveUp(Request& request) {
+  counters.readTimeouts.add();
   for (const SharedItem& item : request.items()) item->close();
   request.timeout();
 }
@@ -89,6 +91,7 @@ void giveUp(Request& request) {
 
 void DataArchiveManager::loadFromCache(const SharedRequest& request,
                                        std::vector<SharedInterval>& out) {
+  counters.reads.add();
   const Request::Options& options = request->options;
   for (const SharedItem& item : request->items()) {
     const boost::shared_ptr<cache::CachedItem> pin = state_->cache[item->cacheId];
@@ -196,10 +199,10 @@ void DataArchiveManager::addRequest(const SharedRequest& request, int timeoutMs)
   state_->dispatch(intervals);
   {
     MutexLock lock(state_->queueMutex);
-    state_->pending.emplace_back(timeoutMs, kept);
+    state_->pending.push_back({timeoutMs, timeoutMs > 0, kept});
   }
   // A clear() that went by meanwhile has not seen it in the queue.
-  if (state_->clears.load() != clears) State::releaseWaiters({{timeoutMs, kept}});
+  if (state_->clears.load() != clears) State::releaseWaiters({{timeoutMs, false, kept}});
 }
 
 void DataArchiveManager::syncRead(const SharedRequest& request) {

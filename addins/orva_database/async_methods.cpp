@@ -3,6 +3,7 @@
 #include "host/host_time.h"
 #include "host/trace.h"
 #include "orva_database/cache.h"
+#include "orva_database/counters.h"
 #include "orva_database/history_reply.h"
 #include "orva_database/history_request.h"
 #include "orva_database/request_processor.h"
@@ -90,6 +91,7 @@ StatusCode RequestProcessor::PublishHistoryData(const json::Value& request, Repl
   if (!read->complete()) {
     if (!AsyncReads::overdue(*found, getInt64FileTime())) return status::kBadWaiting;
     traceUnanswered(subscriptionId, requestId);
+    counters.readTimeouts.add();
     asyncReads_.drop(subscriptionId);
     drain(*read);  // some items may be complete
     return status::kBadTimeout;

@@ -3,7 +3,11 @@
 #include <algorithm>
 #include <iterator>
 
+#include "orva_database/counters.h"
+
 namespace orva {
+
+AsyncReads::~AsyncReads() { counters.openAsyncReads.subtract(reads_.size()); }
 
 std::int64_t AsyncReads::age(AsyncRead& read, std::int64_t now) {
   read.since = std::min(read.since, now);
@@ -16,6 +20,7 @@ void AsyncReads::put(std::int64_t subscriptionId, std::int64_t requestId,
   expire(now);
   // By order of entry, not by time: the clock may have been set.
   reads_[subscriptionId] = {requestId, request, now, ++lastSerial_};
+  counters.openAsyncReads.add();
   while (reads_.size() > kMost) erase(oldest());
 }
 
@@ -31,6 +36,7 @@ void AsyncReads::drop(std::int64_t subscriptionId) {
 
 AsyncReads::Reads::iterator AsyncReads::erase(Reads::iterator read) {
   for (const archive::SharedItem& item : read->second.request->items()) item->close();
+  counters.openAsyncReads.subtract();
   return reads_.erase(read);
 }
 

@@ -28,6 +28,11 @@ struct AsyncRead {
 // Not thread-safe. Calls nobody.
 class AsyncReads {
  public:
+  AsyncReads() = default;
+  AsyncReads(const AsyncReads&) = delete;
+  AsyncReads& operator=(const AsyncReads&) = delete;
+  ~AsyncReads();
+
   static constexpr std::size_t kMost = 256;
   static constexpr std::int64_t kAnswerTicks = 60 * kTicksPerSecond;  // to complete in
   static constexpr std::int64_t kKeptTicks = 10 * kTicksPerMinute;    // to be fetched in

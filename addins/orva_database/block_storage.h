@@ -52,11 +52,12 @@ class Allocator2Q {
  public:
   using BlockPtr = boost::shared_ptr<Block>;
 
-  // How many blocks each queue holds at the moment.
+  // How many blocks each queue holds at the moment, and how many have been dropped so far.
   struct Counts {
     std::uint32_t firstIn;
     std::uint32_t probation;
     std::uint32_t main;
+    std::uint64_t evicted;
   };
 
   // `firstIndex` is the first number a block gets; tests bring it near to its end.
@@ -97,8 +98,8 @@ class Allocator2Q {
   Counts counts() const EXCLUDES(mutex_) {
     MutexLock lock(mutex_);
     return {static_cast<std::uint32_t>(firstIn_.size()),
-            static_cast<std::uint32_t>(probation_.size()),
-            static_cast<std::uint32_t>(main_.size())};
+            static_cast<std::uint32_t>(probation_.size()), static_cast<std::uint32_t>(main_.size()),
+            evicted_};
   }
 
  private:
@@ -122,6 +123,7 @@ class Allocator2Q {
     const Place oldest = std::prev(queue.end());
     books.erase((*oldest)->index());
     dropped.splice(dropped.begin(), queue, oldest);
+    ++evicted_;
   }
 
   // The counter wraps: 0 and numbers still in use are passed over.
@@ -142,6 +144,7 @@ class Allocator2Q {
   Queue probation_ GUARDED_BY(mutex_);
   Queue main_ GUARDED_BY(mutex_);
   std::uint32_t next_ GUARDED_BY(mutex_);
+  std::uint64_t evicted_ GUARDED_BY(mutex_) = 0;
 };
 
 // Owns the blocks of all items and layers under one policy. Layers refer to blocks weakly, so a

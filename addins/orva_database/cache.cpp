@@ -1,5 +1,7 @@
 #include "orva_database/cache.h"
 
+#include <vector>
+
 namespace orva::cache {
 
 namespace {
@@ -12,6 +14,10 @@ std::uint64_t hashOf(const Cache::Key& key) {
   }
   for (const char c : key.second) add(static_cast<unsigned char>(c));
   return hash;
+}
+
+void addTo(RuleCounts& sum, const RuleCounts& counts) {
+  for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += counts[i];
 }
 
 constexpr std::int64_t kLargestId = 0x7FFFFFFF;  // ids are 1 to this
@@ -59,9 +65,28 @@ std::int64_t Cache::getCacheId(const Key& key) const {
 
 void Cache::clear() {
   MutexLock lock(mutex_);
-  for (const auto& [id, pin] : pins_) pin->stop();
+  for (const auto& [id, pin] : pins_) {
+    pin->stop();
+    addTo(forgotten_, pin->ruleCounts());
+  }
   pins_.clear();
   ids_.clear();
+}
+
+// An item is waited for under its own lock only, lest a long read of it hold up the directory. One
+// forgotten meanwhile counts as before: its counts no longer change.
+Cache::Figures Cache::figures() const {
+  std::vector<boost::shared_ptr<Pin>> pins;
+  Figures figures{};
+  {
+    MutexLock lock(mutex_);
+    pins.reserve(pins_.size());
+    for (const auto& [id, pin] : pins_) pins.push_back(pin);
+    figures.rules = forgotten_;
+  }
+  figures.items = pins.size();
+  for (const boost::shared_ptr<Pin>& pin : pins) addTo(figures.rules, pin->ruleCounts());
+  return figures;
 }
 
 }  // namespace orva::cache

@@ -37,12 +37,19 @@ class Cache {
   // Stops every item and forgets it.
   void clear() EXCLUDES(mutex_);
 
+  struct Figures {
+    std::size_t items;
+    RuleCounts rules;  // of all items, those forgotten too
+  };
+  Figures figures() const EXCLUDES(mutex_);
+
  private:
   std::int64_t idFor(const Key& key) REQUIRES(mutex_);
 
   mutable Mutex mutex_;
   std::map<std::int64_t, boost::shared_ptr<Pin>> pins_ GUARDED_BY(mutex_);
   std::map<Key, std::int64_t> ids_ GUARDED_BY(mutex_);
+  RuleCounts forgotten_ GUARDED_BY(mutex_){};  // of the items that clear() forgot
   std::unordered_map<std::int64_t, Key> given_ GUARDED_BY(mutex_);  // never emptied
 };
 

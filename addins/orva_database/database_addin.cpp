@@ -6,6 +6,7 @@
 #include "orva_database/guarded.h"
 #include "orva_database/remote_archive_source.h"
 #include "orva_database/request_processor.h"
+#include "orva_database/service_metrics.h"
 #include "orva_database/write_data_fb.h"
 #include "share/archive_manager.h"
 #include "share/events_archive_manager.h"
@@ -46,6 +47,7 @@ int DataBaseAddin::Init(HostCallback) {
     AttachConfigProcessor("orva_database", kEveryEvent);
     if (processor_ == nullptr) processor_ = new RequestProcessor;
     result = processor_->Init();
+    registerServiceMetrics();
   });
   if (result < 0) {
     OpcUa_Trace_Imp(kTraceError, "<--ReturnError: request_processor->Init() returns 0x%08X\n",

@@ -1,5 +1,7 @@
 #include "orva_database/inbox.h"
 
+#include "orva_database/counters.h"
+
 namespace orva::cache {
 
 namespace {
@@ -24,7 +26,10 @@ Inbox::~Inbox() { take(); }
 
 void Inbox::post(Answer answer) {
   const std::uint32_t count = sampleCount(answer);
-  if (!reserve(count)) return;
+  if (!reserve(count)) {
+    counters.inboxDropped.add(count);
+    return;
+  }
   MutexLock lock(mutex_);
   answers_.push_back(std::move(answer));
 }

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "orva_database/counters.h"
 #include "orva_database/sampling.h"
 #include "share/archive_request.h"
 
@@ -225,6 +226,7 @@ void Request::Item::finalize() {
       values_.resize(numValuesPerNode);
       continuationPoint_ = nextTick(values_.back()->time);
     }
+    counters.valuesReturned.add(values_.size());
   }
   if (const SharedRequest owner = request.lock()) owner->finalizeItem(cacheId);
 }

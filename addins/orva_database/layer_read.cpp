@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "orva_database/counters.h"
 #include "orva_database/layer.h"
 #include "share/ticks.h"
 
@@ -18,6 +19,11 @@ constexpr int kBlocksPerResampling = 10;
 using archive::Interval;
 using archive::SharedInterval;
 using archive::SharedItem;
+
+void noteHit(DataBlock& block) {
+  block.used();
+  counters.hits.add();
+}
 }  // namespace
 
 bool HasSpase(const SharedItem& item) {
@@ -112,6 +118,7 @@ bool Layer::loadUncached(const SharedItem& item, const Options& options, bool fi
 // Asks the archive for a stretch; what it answers comes back through the inbox, with what this
 // layer held when it asked.
 SharedInterval Layer::ask(const SharedItem& item, std::int64_t from, std::int64_t to) {
+  counters.misses.add();
   SharedInterval interval = item->addInterval(static_cast<std::int32_t>(layer_), from, to);
   Inbox::Answer answer;
   if (!last_->empty()) answer.newestThen = last_->lastTime();
@@ -207,7 +214,7 @@ bool Layer::takeFrom(Walk& walk, Iter position, const BlockPtr& block) {
   }
   std::uint64_t number = static_cast<std::uint64_t>(left - right) + 1;
   if (!walk.resampled) number = std::min(number, walk.most() - walk.count);
-  block->used();
+  noteHit(*block);
   walk.cursor = std::max(walk.cursor, right[static_cast<std::ptrdiff_t>(number) - 1]->time);
   walk.give(&*right, static_cast<std::size_t>(number));
   return true;
@@ -224,10 +231,11 @@ void Layer::getLeftBound(Iter position, const SharedItem& item, std::int64_t t) 
     const bool spanned = after != blocks_.end() && after->second.joined;
     if (std::next(found) != block->end() || spanned) {
       item->push_front(*found);
-      block->used();
+      noteHit(*block);
       return;
     }
   }
+  counters.misses.add();
   item->addBotInterval(static_cast<std::int32_t>(layer_), 0, t - 1)
       ->setKind(Interval::Kind::newest);
 }
@@ -245,10 +253,11 @@ void Layer::getRightBound(Iter position, const SharedItem& item, std::int64_t t)
     }
     if (block) {
       item->push_back(*found);
-      block->used();
+      noteHit(*block);
       return;
     }
   }
+  counters.misses.add();
   item->addTopInterval(static_cast<std::int32_t>(layer_), t + 1, 0)
       ->setKind(Interval::Kind::oldest);
 }
@@ -275,6 +284,7 @@ bool Layer::getFirtsLast(const SharedItem& item, const Options& options) {
   if (!onlyLast) {
     given = findFirst(start);
     if (!given) {
+      counters.misses.add();
       item->addBotInterval(number, start, end)->setKind(Interval::Kind::oldest);
     } else if (end != 0 && given->time > end) {
       return false;  // nothing lies in the range
@@ -284,6 +294,7 @@ bool Layer::getFirtsLast(const SharedItem& item, const Options& options) {
   }
   const PinPtr newest = findLast(end);
   if (!newest) {
+    counters.misses.add();
     item->addTopInterval(number, start, end)->setKind(Interval::Kind::newest);
   } else if (newest->time >= start &&
              !(given && given->time == newest->time && given->value.IsEqual(newest->value))) {
@@ -317,7 +328,7 @@ PinPtr Layer::findFirst(std::int64_t start) {
   if (block->firstTime() == start && entry->second.openLeft) return {};
   for (;;) {
     if (PinPtr found = block->right_val(start, true)) {
-      block->used();
+      noteHit(*block);
       return found;
     }
     entry = next(entry);
@@ -329,7 +340,10 @@ PinPtr Layer::findFirst(std::int64_t start) {
 
 // The last sample at or before `end` (0: of all) if live blocks vouch for it, else null.
 PinPtr Layer::findLast(std::int64_t end) {
-  if (!last_->empty() && (end == 0 || end >= last_->lastTime())) return *std::prev(last_->end());
+  if (!last_->empty() && (end == 0 || end >= last_->lastTime())) {
+    counters.hits.add();
+    return *std::prev(last_->end());
+  }
   if (end == 0) return {};
   const Iter entry = atOrBefore(end);
   const BlockPtr block = entry == blocks_.end() ? BlockPtr() : live(entry->second);
@@ -343,7 +357,7 @@ PinPtr Layer::findLast(std::int64_t end) {
       if (after == blocks_.end() || !after->second.joined) return {};
     }
   }
-  block->used();
+  noteHit(*block);
   return *found;
 }
 

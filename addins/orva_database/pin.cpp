@@ -67,7 +67,9 @@ bool CachedItem::crowded() const {
 }
 
 bool CachedItem::accept(const PinPtr& sample) {
-  if (!filter_(last_, sample)) return false;
+  const archive::Filter::Rule rule = filter_.rule(last_, sample);
+  if (!stopped_) ++ruleCounts_[static_cast<std::size_t>(rule)];
+  if (!archive::Filter::accepts(rule)) return false;
   last_ = sample;
   for (auto& [number, layer] : layers_) layer << sample;
   return true;
@@ -165,6 +167,11 @@ void CachedItem::stop() {
   for (auto& [number, layer] : layers_) layer.flush();
   layers_.clear();
   learntInbox_->take();
+}
+
+RuleCounts CachedItem::ruleCounts() const {
+  MutexLock lock(mutex_);
+  return ruleCounts_;
 }
 
 bool CachedItem::stopped() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <boost/smart_ptr/enable_shared_from_this.hpp>
 #include <boost/smart_ptr/shared_ptr.hpp>
 #include <cstdint>
@@ -14,6 +15,9 @@
 #include "share/write_filter.h"
 
 namespace orva::cache {
+
+// How many samples each rule of the write filter decided about.
+using RuleCounts = std::array<std::uint64_t, archive::Filter::kRules>;
 
 // The state of one archived item: the sample accepted last, the write filter, one layer per
 // archive layer. Known as Cache::Pin.
@@ -76,6 +80,9 @@ class CachedItem {
   void stop() EXCLUDES(mutex_);
   bool stopped() const EXCLUDES(mutex_);
 
+  // Of the samples that came before the item was stopped: what is read after that stays.
+  RuleCounts ruleCounts() const EXCLUDES(mutex_);
+
   // Calls visit(number, const Layer&) for each layer, under the item's lock. For tests.
   template <class Visit>
   void visitLayers(Visit&& visit) const EXCLUDES(mutex_) {
@@ -96,6 +103,7 @@ class CachedItem {
   std::map<std::int32_t, Layer> layers_ GUARDED_BY(mutex_);
   archive::Filter filter_ GUARDED_BY(mutex_);
   bool stopped_ GUARDED_BY(mutex_) = false;
+  RuleCounts ruleCounts_ GUARDED_BY(mutex_){};
   const boost::shared_ptr<Inbox> learntInbox_;  // first/last answers; listeners hold it weakly
 };
 

@@ -13,6 +13,10 @@ namespace orva::cache {
 class CachedItem;  // the state of one cached item, also known as Cache::Pin
 }
 
+namespace orva::metrics {
+class Sink;
+}
+
 namespace orva::archive {
 
 // Owner of everything archived: the registry of provider factories, the configured archives, the
@@ -64,6 +68,8 @@ class ORVA_API DataArchiveManager {
   void loadFromCache(const SharedRequest& request, std::vector<SharedInterval>& out);
   // Time of the newest sample, 0 when there is none.
   std::int64_t lastTime(std::int64_t cacheId);
+  // Figures of the cached items and of the queue.
+  void collectMetrics(metrics::Sink& sink) const;
   // Body of the worker thread: times pending requests out, every 100 ms.
   void requestProc();
 
