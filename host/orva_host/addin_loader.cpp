@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "orva_host/program_folder.h"
 #include "share/status_codes.h"
 
 namespace orva::host {
@@ -15,11 +16,6 @@ namespace fs = std::filesystem;
 // The service call-back handed to every entry. This host offers nothing through it.
 int noService(int, const void*, int, void*, int, int*) {
   return static_cast<int>(status::kBadNotSupported);
-}
-
-fs::path programFolder() {
-  std::error_code error;
-  return fs::read_symlink("/proc/self/exe", error).parent_path();
 }
 
 // The file to load; empty with `error` set when there is none.

@@ -226,6 +226,8 @@ void Reader::readHttp() {
   fields.text("bind", ConfigFields::kOptional, http.bind);
   fields.integer("port", ConfigFields::kOptional, 0, UINT16_MAX, http.port);
   fields.text("token", ConfigFields::kOptional, http.token);
+  fields.text("web", ConfigFields::kOptional, http.web);
+  if (!http.web.empty()) http.web = absolute(http.web);
   readHttpLimits(fields);
   checkAccess(fields);
   fields.reportUnknown();

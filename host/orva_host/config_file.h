@@ -56,6 +56,7 @@ struct HttpCfg {
   std::string bind = "127.0.0.1";
   std::uint16_t port = 8580;  // 0: any free one
   std::string token;          // empty: nobody has to show one
+  std::string web;            // the folder of the pages; empty: beside the program
   HttpLimits limits;
 };
 

@@ -17,6 +17,7 @@
 #include "orva_host/config_events.h"
 #include "orva_host/config_file.h"
 #include "orva_host/config_sections.h"
+#include "orva_host/history_route.h"
 #include "orva_host/host_metrics.h"
 #include "orva_host/host_network.h"
 #include "orva_host/http_methods.h"
@@ -25,6 +26,7 @@
 #include "orva_host/program_runner.h"
 #include "orva_host/signal_thread.h"
 #include "orva_host/source_runner.h"
+#include "orva_host/static_files.h"
 #include "orva_host/trace_log.h"
 #include "orva_host/variables.h"
 
@@ -165,6 +167,11 @@ bool HostApp::listen() {
   http.add(methodsRoute());
   http.add(itemsRoute());
   http.add(metricsRoute());
+  http.add(historyRoute());
+  const std::string& web = parts_->config.http.web;
+  for (HttpRoute& route : pageRoutes(web.empty() ? defaultWebFolder() : web)) {
+    http.add(std::move(route));
+  }
   if (failed(http.start(parts_->config.http))) return false;
   std::printf("listening on %s\n", http.address().c_str());
   std::fflush(stdout);

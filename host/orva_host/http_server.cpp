@@ -16,6 +16,7 @@
 #include <unordered_set>
 
 #include "host/trace.h"
+#include "orva_host/time_text.h"
 
 namespace orva::host {
 namespace {
@@ -244,6 +245,8 @@ class HttpServer::Session : public std::enable_shared_from_this<HttpServer::Sess
     response_ = {};
     response_.result(static_cast<unsigned>(made.status));
     server_.count(made.status);
+    // What pages count their "now" from: a browser's clock may be another.
+    response_.set("X-Orva-Time", std::to_string(unixMilliseconds()));
     response_.set(http::field::content_type, made.contentType);
     response_.set(http::field::cache_control, "no-store");
     response_.set("X-Content-Type-Options", "nosniff");
@@ -252,6 +255,8 @@ class HttpServer::Session : public std::enable_shared_from_this<HttpServer::Sess
     if (parser_) response_.version(parser_->get().version() == 10 ? 10 : 11);
     response_.keep_alive(keep && !server_.stopping);
     response_.prepare_payload();
+    // It tells of the body that the client has, which is not empty.
+    if (made.status == 304) response_.content_length(boost::none);
     serializer_.emplace(response_);
     writeSome();
   }

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "host/host_time.h"
 #include "share/ticks.h"
 
 namespace orva::host {
@@ -114,6 +115,10 @@ bool takeTimeOfDay(TextScan& scan, std::int64_t& ticks) {
 }
 
 }  // namespace
+
+std::int64_t unixMilliseconds() {
+  return getInt64FileTime() / kTicksPerMillisecond - kUnixEpochMilliseconds;
+}
 
 void utcText(std::int64_t ticks, char* out) {
   const std::int64_t milliseconds = dividedDown(ticks, kTicksPerMillisecond);

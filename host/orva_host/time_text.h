@@ -6,6 +6,9 @@
 
 namespace orva::host {
 
+// The current time as clients count it: milliseconds since 1970.
+std::int64_t unixMilliseconds();
+
 // "2024-05-17T08:09:10.123Z": ticks (100 ns since 1601 UTC), cut to milliseconds.
 std::string utcText(std::int64_t ticks);
 

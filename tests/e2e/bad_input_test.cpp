@@ -78,7 +78,7 @@ TEST_F(BadInputTest, AMethodThatDoesNotExistIsNotFound) {
     const HttpReply reply = call(method, "{}");
     EXPECT_EQ(reply.status, 404) << method;
   }
-  EXPECT_EQ(httpPost(port(), "/", "{}").status, 404);
+  EXPECT_EQ(httpPost(port(), "/nothing", "{}").status, 404);
   EXPECT_EQ(httpPost(port(), "/Methods", "{}").status, 404);
 }
 
@@ -88,6 +88,7 @@ TEST_F(BadInputTest, OnlyPostIsAMethod) {
     connection.send(std::string(verb) + " /Methods/HistoryReadRaw HTTP/1.1\r\nHost: x\r\n\r\n");
     EXPECT_EQ(connection.receive().status, 405) << verb;
   }
+  EXPECT_EQ(httpPost(port(), "/", "{}").status, 405);
 }
 
 TEST_F(BadInputTest, WhatIsNoHttpIsRefused) {

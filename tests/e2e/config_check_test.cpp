@@ -33,7 +33,7 @@ constexpr const char* kWholeConfig = R"({
   "sources": [
     {"type": "system", "periodMs": 1000, "values": {"cpu.load": 1}},
     {"type": "csv", "file": "day.csv", "speed": 1.5, "values": {"load": 1}}],
-  "http": {"bind": "127.0.0.1", "port": 0, "token": "secret",
+  "http": {"bind": "127.0.0.1", "port": 0, "token": "secret", "web": "pages",
            "limits": {"bodyBytes": 1000, "headerBytes": 1000, "headerTimeMs": 1000,
                       "bodyTimeMs": 1000, "idleTimeMs": 1000, "connections": 10, "threads": 2}},
   "network": {"index": 1, "bind": "127.0.0.1", "basePort": 9000, "timeoutMs": 10000,
@@ -145,6 +145,7 @@ TEST_F(ConfigCheckTest, AFieldOfAWrongTypeOrValueIsNamed) {
       {"/http/bind", {"5", "\"localhost\"", "\"1.2.3\""}},
       {"/http/port", {"-1", "65536", "\"8580\""}},
       {"/http/token", {"5", "\"two words\""}},
+      {"/http/web", {"5", "true"}},
       {"/http/limits", {"5"}},
       {"/http/limits/bodyBytes", {"0", "-1", "\"1\""}},
       {"/http/limits/headerBytes", {"0", "10000000000"}},
