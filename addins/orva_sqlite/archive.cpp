@@ -4,6 +4,7 @@
 
 #include "host/trace.h"
 #include "orva_sqlite/archive_status.h"
+#include "orva_sqlite/stopwatch.h"
 #include "share/status_codes.h"
 
 namespace orva::sqlite {
@@ -31,12 +32,14 @@ PinPtr storable(const PinPtr& pin) {
 }  // namespace
 
 Archive::Archive(const archive::ArchiveCfg& limits, const archive::ConnectionCfg& connection)
-    : catalog_(*this),
+    : activity_(connection.location, counters_),
+      catalog_(*this),
       buffer_(limits.writeBufferSize, limits.maxWriteValues, wake_),
       readers_(readersOf(connection)),
       damage_(counters_),
       reader_(catalog_, buffer_, readers_, damage_, counters_),
-      worker_(limits, connection, catalog_, buffer_, readers_, damage_, counters_) {}
+      worker_(limits, connection, catalog_, buffer_, readers_, damage_, counters_, activity_),
+      metrics_(connection.location, worker_.file(), counters_, buffer_) {}
 
 Archive::~Archive() = default;
 
@@ -96,14 +99,17 @@ void Archive::read(const archive::SharedInterval& interval) {
   const std::uint32_t handle = interval->handle();
   if (!stopped_ && !worker_.refused()) {
     ++counters_.reads;
+    const Stopwatch watch;
+    std::uint64_t pushed = 0;
     try {
       if (!worker_.ready()) interval->fail(status::kBadDataUnavailable);
-      reader_.answer(*interval, handle);
+      pushed = reader_.answer(*interval, handle);
     } catch (const std::exception& error) {
       OpcUa_Trace_Imp(kTraceError, "<--ReturnError: sqlite read throws: %s\n", __FILE__, __LINE__,
                       error.what());
       interval->fail(orva::status::kBadOutOfMemory);
     }
+    activity_.noteRead(watch.ticks(), pushed);
   }
   interval->finalize();
 }

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "orva_sqlite/activity.h"
+#include "orva_sqlite/archive_metrics.h"
 #include "orva_sqlite/catalog.h"
 #include "orva_sqlite/counters.h"
 #include "orva_sqlite/damage_register.h"
@@ -45,6 +47,8 @@ class Archive final : public archive::IDataArchive, private Intake {
   void close();
 
   const Counters& counters() const { return counters_; }
+  // What the host logs every minute.
+  Stats& stats() { return activity_.stats(); }
   // Notified after each pass of work().
   Signal& progress() { return progress_; }
   // For whoever runs the passes: the thread in work(), or a test without one.
@@ -58,6 +62,7 @@ class Archive final : public archive::IDataArchive, private Intake {
 
   archive::Filter filter_;  // unchanged after loadFilter()
   Counters counters_;
+  Activity activity_;
   Signal wake_;
   Signal progress_;
   Catalog catalog_;
@@ -69,6 +74,7 @@ class Archive final : public archive::IDataArchive, private Intake {
   TraceLimit dropTrace_;
   TraceLimit refuseTrace_;
   std::atomic<bool> stopped_{false};
+  const ArchiveMetrics metrics_;
 };
 
 }  // namespace orva::sqlite

@@ -20,6 +20,10 @@ struct Counters {
   std::atomic<std::uint64_t> bytes{0};      // bytes of the segments written, merged ones included
   std::atomic<std::uint64_t> commits{0};    // transactions with new samples
   std::atomic<std::uint64_t> failures{0};   // transactions that failed
+  // Time spent, in 100 ns.
+  std::atomic<std::uint64_t> readTicks{0};    // answering intervals
+  std::atomic<std::uint64_t> writeTicks{0};   // in transactions with new samples
+  std::atomic<std::uint64_t> deleteTicks{0};  // enforcing age and size
 };
 
 }  // namespace orva::sqlite

@@ -25,15 +25,18 @@ class IntervalSink final : public SampleSink {
   bool take(const PinPtr* first, std::size_t count) override {
     interval_.push(first, count);
     counters_.pushed += count;
+    pushed_ += count;
     room_ -= std::min<std::uint64_t>(room_, count);
     return room_ > 0 && !interval_.full();
   }
   std::uint64_t room() const override { return room_; }
+  std::uint64_t pushed() const { return pushed_; }
 
  private:
   archive::Interval& interval_;
   Counters& counters_;
   std::uint64_t room_;
+  std::uint64_t pushed_ = 0;
 };
 
 class ListSink final : public SampleSink {
@@ -67,23 +70,21 @@ IntervalReader::Stretch IntervalReader::stretchOf(const archive::Interval& inter
   return stretch;
 }
 
-void IntervalReader::answer(archive::Interval& interval, std::uint32_t handle) {
+std::uint64_t IntervalReader::answer(archive::Interval& interval, std::uint32_t handle) {
   const Stretch stretch = stretchOf(interval);
-  if (stretch.from > stretch.to || interval.full()) return;
+  if (stretch.from > stretch.to || interval.full()) return 0;
   const std::vector<Stream*> streams = catalog_.streamsOf(handle, interval.layer());
-  if (interval.kind() != Kind::range) {
-    answerOne(interval, streams, stretch);
-  } else if (streams.size() == 1) {
-    answerRange(interval, *streams.front(), stretch);
-  } else if (!streams.empty()) {
-    answerMerged(interval, streams, stretch);
-  }
+  if (streams.empty()) return 0;
+  if (interval.kind() != Kind::range) return answerOne(interval, streams, stretch);
+  if (streams.size() == 1) return answerRange(interval, *streams.front(), stretch);
+  return answerMerged(interval, streams, stretch);
 }
 
-void IntervalReader::push(archive::Interval& interval, const PinPtr& pin) {
-  if (!pin) return;
+std::uint64_t IntervalReader::push(archive::Interval& interval, const PinPtr& pin) {
+  if (!pin) return 0;
   interval.push(pin);
   ++counters_.pushed;
+  return 1;
 }
 
 // What the view met on its way goes into the answer.
@@ -104,8 +105,9 @@ void IntervalReader::close(archive::Interval& interval, const StreamView& view) 
   }
 }
 
-void IntervalReader::answerOne(archive::Interval& interval, const std::vector<Stream*>& streams,
-                               const Stretch& stretch) {
+std::uint64_t IntervalReader::answerOne(archive::Interval& interval,
+                                        const std::vector<Stream*>& streams,
+                                        const Stretch& stretch) {
   const bool newest = interval.kind() == Kind::newest;
   PinPtr best;
   for (const Stream* const stream : streams) {
@@ -116,23 +118,26 @@ void IntervalReader::answerOne(archive::Interval& interval, const std::vector<St
     if (!found) continue;
     if (!best || (newest ? found->time >= best->time : found->time < best->time)) best = found;
   }
-  push(interval, best);
+  return push(interval, best);
 }
 
-void IntervalReader::answerRange(archive::Interval& interval, const Stream& stream,
-                                 const Stretch& stretch) {
+std::uint64_t IntervalReader::answerRange(archive::Interval& interval, const Stream& stream,
+                                          const Stretch& stretch) {
   StreamView view(stream, stretch.left ? kEarliest : stretch.from,
                   stretch.right ? kLatest : stretch.to, buffer_, pool_, damage_);
-  if (stretch.left) push(interval, view.newest(kEarliest, stretch.from - 1));
+  std::uint64_t bounds = 0;
+  if (stretch.left) bounds += push(interval, view.newest(kEarliest, stretch.from - 1));
   IntervalSink sink(interval, counters_);
   const bool toTheEnd = view.range(stretch.from, stretch.to, sink);
-  if (toTheEnd && stretch.right) push(interval, view.oldest(stretch.to + 1, kLatest));
+  if (toTheEnd && stretch.right) bounds += push(interval, view.oldest(stretch.to + 1, kLatest));
   close(interval, view);
+  return bounds + sink.pushed();
 }
 
 // All layers of the item in one order of time; of equal times the lower layer comes first.
-void IntervalReader::answerMerged(archive::Interval& interval, const std::vector<Stream*>& streams,
-                                  const Stretch& stretch) {
+std::uint64_t IntervalReader::answerMerged(archive::Interval& interval,
+                                           const std::vector<Stream*>& streams,
+                                           const Stretch& stretch) {
   const std::uint64_t wanted = wantedOf(interval);
   PinPtr left;
   PinPtr right;
@@ -155,7 +160,7 @@ void IntervalReader::answerMerged(archive::Interval& interval, const std::vector
   }
   std::stable_sort(all.begin(), all.end(),
                    [](const PinPtr& a, const PinPtr& b) { return a->time < b->time; });
-  push(interval, left);
+  std::uint64_t bounds = push(interval, left);
   IntervalSink sink(interval, counters_);
   bool more = true;
   for (std::size_t at = 0; more && at < all.size();) {
@@ -163,7 +168,8 @@ void IntervalReader::answerMerged(archive::Interval& interval, const std::vector
     more = sink.take(all.data() + at, static_cast<std::size_t>(count));
     at += static_cast<std::size_t>(count);
   }
-  if (more) push(interval, right);
+  if (more) bounds += push(interval, right);
+  return bounds + sink.pushed();
 }
 
 }  // namespace orva::sqlite

@@ -25,7 +25,8 @@ class IntervalReader {
                  DamageRegister& damage, Counters& counters)
       : catalog_(catalog), buffer_(buffer), pool_(pool), damage_(damage), counters_(counters) {}
 
-  void answer(archive::Interval& interval, std::uint32_t handle);
+  // The number of samples pushed.
+  std::uint64_t answer(archive::Interval& interval, std::uint32_t handle);
 
  private:
   struct Stretch {
@@ -36,12 +37,14 @@ class IntervalReader {
   };
   static Stretch stretchOf(const archive::Interval& interval);
 
-  void answerOne(archive::Interval& interval, const std::vector<Stream*>& streams,
-                 const Stretch& stretch);
-  void answerRange(archive::Interval& interval, const Stream& stream, const Stretch& stretch);
-  void answerMerged(archive::Interval& interval, const std::vector<Stream*>& streams,
-                    const Stretch& stretch);
-  void push(archive::Interval& interval, const PinPtr& pin);
+  // Each gives the number of samples pushed.
+  std::uint64_t answerOne(archive::Interval& interval, const std::vector<Stream*>& streams,
+                          const Stretch& stretch);
+  std::uint64_t answerRange(archive::Interval& interval, const Stream& stream,
+                            const Stretch& stretch);
+  std::uint64_t answerMerged(archive::Interval& interval, const std::vector<Stream*>& streams,
+                             const Stretch& stretch);
+  std::uint64_t push(archive::Interval& interval, const PinPtr& pin);
   void close(archive::Interval& interval, const StreamView& view);
 
   const Catalog& catalog_;

@@ -5,6 +5,7 @@
 
 #include "host/host_time.h"
 #include "host/trace.h"
+#include "orva_sqlite/stopwatch.h"
 #include "share/ticks.h"
 #include "sqlite_base/period.h"
 
@@ -25,7 +26,7 @@ std::int64_t bytesOfMegabytes(std::uint32_t megabytes) {
 StorageWorker::StorageWorker(const archive::ArchiveCfg& limits,
                              const archive::ConnectionCfg& connection, Catalog& catalog,
                              WriteBuffer& buffer, ReaderPool& readers, DamageRegister& damage,
-                             Counters& counters)
+                             Counters& counters, Activity& activity)
     : limits_(limits),
       retryTicks_(std::max<std::int64_t>(connection.reconnectTimeout, kTicksPerMillisecond)),
       location_(connection.location, "archive.db"),
@@ -35,6 +36,7 @@ StorageWorker::StorageWorker(const archive::ArchiveCfg& limits,
       readers_(readers),
       damage_(damage),
       counters_(counters),
+      activity_(activity),
       problems_("sqlite", location_.file()),
       drops_(counters.dropped, problems_),
       store_(parameters_, bytesOfMegabytes(limits.maxSize), counters),
@@ -90,7 +92,9 @@ bool StorageWorker::openFile() {
       doubtful_ = false;
       if (store_.segments().exists(marker_)) {
         // The transaction that was thought to have failed is in the file after all.
-        counters_.written += buffer_.committed(true);
+        const std::size_t written = buffer_.committed(true);
+        counters_.written += written;
+        activity_.noteWrite(0, written);
       }
       readers_.open(location_.file(), parameters_.cacheKiB);
       ready_ = true;
@@ -185,6 +189,14 @@ bool StorageWorker::loadStream(const StreamKey& key, Item& item) {
 bool StorageWorker::writeBatch() {
   if (!buffer_.hasBatch()) buffer_.takeBatch();
   if (!buffer_.hasBatch()) return true;
+  const Stopwatch watch;
+  const std::uint64_t before = counters_.written;
+  const bool done = tryBatch();
+  activity_.noteWrite(watch.ticks(), counters_.written - before);
+  return done;
+}
+
+bool StorageWorker::tryBatch() {
   marker_ = store_.nextSegmentId();
   if (store_.begin(true)) appendBatch();
   bool done = false;
@@ -283,6 +295,14 @@ bool StorageWorker::mergeSome() {
   return false;
 }
 
+bool StorageWorker::cleanSome() {
+  const Stopwatch watch;
+  const std::uint64_t before = counters_.deleted;
+  const bool done = cleaner_.step();
+  activity_.noteDelete(watch.ticks(), counters_.deleted - before);
+  return done;
+}
+
 // ---- the loop's body
 
 bool StorageWorker::tryAgainAt(std::int64_t now) const {
@@ -291,6 +311,7 @@ bool StorageWorker::tryAgainAt(std::int64_t now) const {
 
 std::int64_t StorageWorker::pass() {
   const std::int64_t now = getInt64FileTime();
+  activity_.noteWaiting(buffer_.waiting());
   drops_.tell(now);
   if (!tryAgainAt(now)) return ticksToNext(now);
   if (!store_.isOpen() && !open()) return ticksToNext(now);
@@ -303,7 +324,7 @@ std::int64_t StorageWorker::pass() {
   } else if (!mergeQueue_.empty()) {
     if (mergeSome()) return 0;
   } else if (cleaner_.isRunning()) {
-    if (cleaner_.step()) {
+    if (cleanSome()) {
       succeeded();
       return 0;
     }
@@ -355,7 +376,7 @@ bool StorageWorker::cleanUp() {
   if (!store_.isOpen() && !open()) return false;
   cleaner_.start(getInt64FileTime());
   while (cleaner_.isRunning()) {
-    if (cleaner_.step()) continue;
+    if (cleanSome()) continue;
     failed("cleaning up");
     return false;
   }
@@ -370,6 +391,7 @@ void StorageWorker::finish() {
     problems_.failed("stopped with " + std::to_string(lost) + " samples that could not be written");
   }
   drops_.tellRest(getInt64FileTime());
+  activity_.noteWaiting(buffer_.waiting());
   readers_.close();
   ready_ = false;
   store_.close();

@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "orva_sqlite/activity.h"
 #include "orva_sqlite/catalog.h"
 #include "orva_sqlite/cleaner.h"
 #include "orva_sqlite/counters.h"
@@ -29,7 +30,7 @@ class StorageWorker {
  public:
   StorageWorker(const archive::ArchiveCfg& limits, const archive::ConnectionCfg& connection,
                 Catalog& catalog, WriteBuffer& buffer, ReaderPool& readers, DamageRegister& damage,
-                Counters& counters);
+                Counters& counters, Activity& activity);
   ~StorageWorker();
   StorageWorker(const StorageWorker&) = delete;
   StorageWorker& operator=(const StorageWorker&) = delete;
@@ -61,7 +62,9 @@ class StorageWorker {
   void forgetFile();
   bool moveAside();
   bool writeBatch();
+  bool tryBatch();
   void appendBatch();
+  bool cleanSome();
   bool setDamagedApart();
   std::int64_t ticksToSetApart(std::int64_t now) const;
   bool mergeSome();
@@ -80,6 +83,7 @@ class StorageWorker {
   ReaderPool& readers_;
   DamageRegister& damage_;
   Counters& counters_;
+  Activity& activity_;
   ProblemLog problems_;
   DropReport drops_;
   Store store_;
