@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include "orva_host/udp_socket.h"
+#include "share/json.h"
 #include "support/plant.h"
 
 namespace orva::test {
@@ -177,6 +178,58 @@ TEST_F(RemoteSourceTest, ALongHistoryIsCaughtUpWithWithoutLossInASmallWriteBuffe
   waitUntil([&] { return (pulled = history(puller_, 1)).size() >= 30'000; }, 60'000);
   EXPECT_EQ(pulled, history(source_, 1));
   EXPECT_EQ(puller_.host().log().find("dropped"), std::string::npos);
+}
+
+constexpr const char* kThreeSamples = R"(
+local pressure = ArchiveProc.new{Id = 1, Path = "Pump/Pressure"}
+local done = false
+function cycle()
+  if done then return end
+  done = true
+  for n, value in ipairs{4.25, 4.5, 4.75} do
+    pressure.Value = DataValue{Value = value, SourceTime = 1700000000000 + n,
+                               Status = n == 3 and 0x40000000 or 0}
+    pressure()
+  end
+end
+)";
+
+// The text that stands between "```<info>" and "```" on the page.
+std::string fromPage(const std::string& info) {
+  const std::string page = readFile(std::string(ORVA_SOURCE_DIR) + "/docs/remote-data.md");
+  const std::string begin = "```json " + info + "\n";
+  const std::size_t at = page.find(begin);
+  if (at == std::string::npos) return {};
+  const std::size_t text = at + begin.size();
+  return page.substr(text, page.find("```", text) - text);
+}
+
+TEST_F(RemoteSourceTest, TheExamplesOfThePageGoAsTheyStandThere) {
+  PlantConfig source = sourceConfig(kThreeSamples);
+  source.variables = "[" + variable(1, "Pump/Pressure", "Double") + "]";
+  source_.configure(source);
+  source_.folder().write("writer.lua", kThreeSamples);
+  PlantConfig puller = common(2);
+  puller.variables = "[" + variable(11, "Station1/Pressure", "Double") + "]";
+  puller.remoteData = fromPage("remote-data section");
+  ASSERT_FALSE(puller.remoteData.empty());
+  puller_.configure(puller);
+  ASSERT_TRUE(source_.start());
+  ASSERT_TRUE(source_.waitForValue(source_.itemId("Pump/Pressure"), "4.75"));
+  ASSERT_TRUE(puller_.start());
+
+  json::Document reply;
+  json::Document documented;
+  reply.Parse(source_.client().call("ReadNewRecords", fromPage("request ReadNewRecords")).body);
+  documented.Parse(fromPage("reply"));
+  ASSERT_FALSE(reply.HasParseError());
+  ASSERT_FALSE(documented.HasParseError());
+  EXPECT_TRUE(reply == documented);
+
+  const std::int64_t id = puller_.itemId("Station1/Pressure");
+  EXPECT_TRUE(puller_.waitForValue(id, "4.75"));
+  EXPECT_EQ(puller_.client().readAll(id),
+            source_.client().readAll(source_.itemId("Pump/Pressure")));
 }
 
 }  // namespace
