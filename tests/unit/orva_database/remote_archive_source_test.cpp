@@ -1,222 +1,15 @@
 #include "orva_database/remote_archive_source.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
+#include <algorithm>
 #include <random>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "orva_host/config_sections.h"
-#include "orva_host/variables.h"
-#include "share/ticks.h"
-#include "support/archive_fixture.h"
-#include "support/trace_capture.h"
-#include "unit/orva_database/remote_fake.h"
+#include "unit/orva_database/remote_fixture.h"
 
 namespace orva::archive {
 namespace {
 
-using test::FakeLink;
-using test::FakeNetwork;
-using test::FakePeer;
 using test::RemoteRecord;
-using Texts = std::vector<std::string>;
-
-constexpr std::int64_t kSecond = kTicksPerSecond;
-constexpr std::int64_t kMs = kTicksPerMillisecond;
-constexpr std::int64_t kStart = test::ManualClock::kStart;
-
-std::string itemText(std::int32_t controller, std::int64_t id, const std::string& path) {
-  return R"({"controllerIndex":)" + std::to_string(controller) + R"(,"localId":)" +
-         std::to_string(id) + R"(,"remoteId":)" + std::to_string(1000 + id) +
-         R"(,"localPath":"Here/)" + path + R"(","remotePath":")" + path + R"("})";
-}
-
-std::string sectionText(const Texts& items, const std::string& more = {}) {
-  std::string text = "{" + more + R"("items":[)";
-  for (std::size_t i = 0; i < items.size(); ++i) text += (i == 0 ? "" : ",") + items[i];
-  return text + "]}";
-}
-
-class RemoteArchiveSourceTest : public test::ArchiveFixture {
- protected:
-  RemoteArchiveSourceTest() : source(std::make_unique<RemoteArchiveSource>(link())) { start(); }
-
-  std::unique_ptr<ControllerLink> link() { return std::make_unique<FakeLink>(network); }
-  // As after a restart of this controller; its archive stays.
-  void restart() {
-    manager().clear();
-    source = std::make_unique<RemoteArchiveSource>(link());
-    const auto kept = stored();
-    start();
-    for (const PinPtr& pin : kept) factory.last().add(kLoad, 0, pin);
-    source->Init();
-  }
-
-  int init(const std::string& section) {
-    host::setConfigSection("RemoteData", section);
-    return source->Init();
-  }
-  // An item of controller 1, archived here as well.
-  void configureLoad() {
-    network.peer(1);
-    localItem(7, "Here/Load");
-    init(sectionText({itemText(1, 7, "Load")}));
-  }
-  static void localItem(std::int64_t id, const std::string& path,
-                        OpcUa_Byte type = OpcUaType_Double) {
-    vm::Item item;
-    item.id = id;
-    item.path = path;
-    item.type = type;
-    host::setVariable(item, {{0, {0, 0}}});
-  }
-
-  void pass() { source->Execute(); }
-  // The next round.
-  void nextRound() {
-    clock.advance(kSecond);
-    pass();
-  }
-
-  // What the local archive holds of an item.
-  std::vector<PinPtr> stored(const ItemKey& key = kLoad) { return factory.last().samples(key, 0); }
-  std::vector<std::int64_t> storedTimes(const ItemKey& key = kLoad) {
-    return test::timesOf(stored(key));
-  }
-  Texts storedValues(const ItemKey& key = kLoad) {
-    Texts values;
-    for (const PinPtr& pin : stored(key)) values.push_back(pin->value.ToText());
-    return values;
-  }
-  FakePeer& peer() { return network.peer(1); }
-
-  static inline const ItemKey kLoad{7, "Here/Load"};
-  FakeNetwork network;
-  test::TraceCapture traces;
-  std::unique_ptr<RemoteArchiveSource> source;
-};
-
-using RemoteConfigTest = RemoteArchiveSourceTest;
-
-// ---- configuration
-
-TEST_F(RemoteConfigTest, ThePeriodIsOneSecondUnlessConfigured) {
-  EXPECT_EQ(source->requestPeriod(), 10'000'000);
-  const std::vector<std::pair<std::string, std::int64_t>> cases = {
-      {R"({})", 10'000'000},
-      {R"({"requestPeriod":20000000})", 20'000'000},
-      {R"({"requestPeriod":"20000000"})", 20'000'000},
-      {R"({"requestPeriod":-5})", -5},
-      {R"({"requestPeriod":9223372036854775807})", INT64_MAX},
-      {R"({"requestPeriod":9223372036854775808})", 10'000'000},
-      {R"({"requestPeriod":" -5x"})", -5},
-      {R"({"requestPeriod":1.5})", 10'000'000},
-      {R"({"requestPeriod":null})", 10'000'000},
-      {R"({"requestPeriod":[1]})", 10'000'000},
-  };
-  for (const auto& [section, period] : cases) {
-    EXPECT_EQ(init(section), 0) << section;
-    EXPECT_EQ(source->requestPeriod(), period) << section;
-  }
-}
-
-TEST_F(RemoteConfigTest, ItemsKeepTheirOrderBelowTheirController) {
-  EXPECT_EQ(init(R"({"items":[{"controllerIndex":2,"localId":1,"remotePath":"a"},
-                              {"localId":2,"remotePath":"b"},
-                              {"controllerIndex":2,"localId":3,"remotePath":"c"}]})"),
-            0);
-  const auto controllers = source->controllers();
-  ASSERT_EQ(controllers.size(), 2U);
-  ASSERT_EQ(controllers.at(0).size(), 1U);
-  EXPECT_EQ(controllers.at(0).front().localId, 2);
-  ASSERT_EQ(controllers.at(2).size(), 2U);
-  EXPECT_EQ(controllers.at(2).front().remotePath, "a");
-  EXPECT_EQ(controllers.at(2).back().remotePath, "c");
-}
-
-TEST_F(RemoteConfigTest, FieldsAreReadLeniently) {
-  init(R"({"items":[{"controllerIndex":"2","localId":"-12x","remoteId":9007199254740993,
-                     "localPath":5,"remotePath":"a\u0000b"},
-                    {"controllerIndex":1.5,"localId":1.5,"remoteId":true,"localPath":"p"},
-                    7]})");
-  const auto controllers = source->controllers();
-  ASSERT_EQ(controllers.size(), 1U);
-  const std::vector<RemoteSourceInfo> items(controllers.at(0).begin(), controllers.at(0).end());
-  ASSERT_EQ(items.size(), 3U);
-  EXPECT_EQ(items[0].localId, -12);
-  EXPECT_EQ(items[0].remoteId, 9007199254740993);
-  EXPECT_EQ(items[0].localPath, "");
-  EXPECT_EQ(items[0].remotePath, std::string("a\0b", 3));
-  EXPECT_EQ(items[1].localId, 0);
-  EXPECT_EQ(items[1].remoteId, 0);
-  EXPECT_EQ(items[1].localPath, "p");
-  EXPECT_EQ(items[2].remotePath, "");
-}
-
-TEST_F(RemoteConfigTest, SectionsOfOtherTypesConfigureNothing) {
-  for (const char* section : {"[]", "5", "null", "\"x\"", R"({"items":{}})", R"({"items":5})"}) {
-    configureLoad();
-    EXPECT_EQ(init(section), 0) << section;
-    EXPECT_TRUE(source->controllers().empty()) << section;
-  }
-}
-
-TEST_F(RemoteConfigTest, InitReplacesTheTables) {
-  configureLoad();
-  init(sectionText({itemText(3, 8, "Other")}));
-  const auto controllers = source->controllers();
-  ASSERT_EQ(controllers.size(), 1U);
-  EXPECT_EQ(controllers.at(3).front().localId, 8);
-}
-
-TEST_F(RemoteConfigTest, ASectionThatCannotBeParsedIsTracedAndLeavesNoItems) {
-  for (const std::string& section :
-       {std::string("{"), std::string(), std::string(65, '[') + std::string(65, ']')}) {
-    configureLoad();
-    traces.clear();
-    const int result = init(section);
-    EXPECT_LT(result, 0);
-    char line[200];
-    std::snprintf(line, sizeof line,
-                  "<--ReturnError: orva::parse_json(GetConfigDataValue(\"RemoteData\"), cfg) "
-                  "returns 0x%08X\n",
-                  static_cast<unsigned>(result));
-    EXPECT_EQ(traces.count(line), 1);
-    EXPECT_TRUE(source->controllers().empty());
-  }
-}
-
-TEST_F(RemoteConfigTest, AControllerWithoutAddressIsNotAsked) {
-  localItem(7, "Here/Load");
-  init(sectionText({itemText(1, 7, "Load"), itemText(-1, 7, "Load")}));
-  pass();
-  EXPECT_EQ(network.exchanges, 0);
-}
-
-TEST_F(RemoteConfigTest, WithoutASocketNothingIsDone) {
-  network.open = false;
-  configureLoad();
-  pass();
-  EXPECT_EQ(network.exchanges, 0);
-  EXPECT_EQ(source->Start(), 0);
-  EXPECT_EQ(source->Stop(), 0);
-}
-
-TEST_F(RemoteConfigTest, DestroySourceEmptiesTheTables) {
-  configureLoad();
-  source->DestroySource();
-  EXPECT_TRUE(source->controllers().empty());
-  pass();
-  EXPECT_EQ(network.exchanges, 0);
-}
-
-TEST_F(RemoteConfigTest, ThereIsOneInstance) {
-  EXPECT_EQ(RemoteArchiveSource::Instance(), RemoteArchiveSource::Instance());
-}
 
 // ---- the exchange
 
@@ -408,6 +201,37 @@ TEST_F(RemoteArchiveSourceTest, AnswersCutAtEveryByteHarmNothing) {
   clock.advance(60 * kSecond);
   pass();
   EXPECT_EQ(stored().size(), 2U);
+}
+
+TEST_F(RemoteArchiveSourceTest, MutatedAnswersHarmNothing) {
+  configureLoad();
+  peer().page = 5;
+  peer().add("Load", kStart, 200);
+  std::mt19937 random(99);
+  peer().spoil = [&random](std::string text) {
+    for (unsigned changes = random() % 4; changes != 0 && !text.empty(); --changes) {
+      const std::size_t at = random() % text.size();
+      switch (random() % 3) {
+        case 0:
+          text[at] = static_cast<char>(random() % 256);
+          break;
+        case 1:
+          text.erase(at, random() % 20);
+          break;
+        default:
+          text.insert(at, text.substr(random() % text.size(), random() % 20));
+      }
+    }
+    return text;
+  };
+  for (int i = 0; i < 5'000; ++i) {
+    clock.advance(60 * kSecond);
+    pass();
+    if (i % 100 == 99) restart();
+  }
+  const std::vector<std::int64_t> times = storedTimes();
+  EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
+  EXPECT_GE(times.size(), 100U);
 }
 
 TEST_F(RemoteArchiveSourceTest, SamplesOfOtherFormsAreSkippedWithATrace) {
@@ -747,194 +571,6 @@ TEST_F(RemoteArchiveSourceTest, WaitsForRoomInTheLocalArchiveAndLosesNothing) {
   ASSERT_EQ(writer.times.size(), 60U);
   EXPECT_TRUE(std::is_sorted(writer.times.begin(), writer.times.end()));
   manager().clear();
-}
-
-// ---- values
-
-class RemoteValueTest : public RemoteArchiveSourceTest {
- protected:
-  // What a value that arrives as `text` becomes in a local variable of this type.
-  OpcUa_VariantHlp received(const std::string& text, OpcUa_Byte type) {
-    const std::int64_t id = 500 + ++made_;
-    const std::string path = "V" + std::to_string(made_);
-    localItem(id, "Here/" + path, type);
-    peer().history[path] = {{kStart, text, 0}};
-    init(sectionText({itemText(1, id, path)}));
-    nextRound();
-    const auto pins = stored({id, "Here/" + path});
-    EXPECT_EQ(pins.size(), 1U) << text;
-    return pins.size() == 1 ? pins[0]->value : OpcUa_VariantHlp();
-  }
-
- private:
-  int made_ = 0;
-};
-
-TEST_F(RemoteValueTest, BecomesTheTypeOfTheLocalVariable) {
-  EXPECT_EQ(received("true", OpcUaType_Boolean).Get().Value.Boolean, true);
-  EXPECT_EQ(received("-128", OpcUaType_SByte).Get().Value.SByte, -128);
-  EXPECT_EQ(received("255", OpcUaType_Byte).Get().Value.Byte, 255);
-  EXPECT_EQ(received("-32768", OpcUaType_Int16).Get().Value.Int16, -32768);
-  EXPECT_EQ(received("65535", OpcUaType_UInt16).Get().Value.UInt16, 65535);
-  EXPECT_EQ(received("-2147483648", OpcUaType_Int32).Get().Value.Int32, INT32_MIN);
-  EXPECT_EQ(received("4294967295", OpcUaType_UInt32).Get().Value.UInt32, UINT32_MAX);
-  EXPECT_EQ(received("-9223372036854775808", OpcUaType_Int64).Get().Value.Int64, INT64_MIN);
-  EXPECT_EQ(received("18446744073709551615", OpcUaType_UInt64).Get().Value.UInt64, UINT64_MAX);
-  EXPECT_EQ(received("0.10000000149011612", OpcUaType_Float).Get().Value.Float, 0.1F);
-  EXPECT_EQ(received("0.1", OpcUaType_Double).Get().Value.Double, 0.1);
-  EXPECT_EQ(received("\"a\\u0000\\\"b\"", OpcUaType_String).GetString(), std::string("a\0\"b", 4));
-  const OpcUa_VariantHlp time = received("1715932800001", OpcUaType_DateTime);
-  EXPECT_EQ(time.GetType(), OpcUaType_DateTime);
-  EXPECT_EQ(OpcUa_DateTime_ToInt64(&time.Get().Value.DateTime), 133'604'064'000'010'000);
-}
-
-TEST_F(RemoteValueTest, DoublesArriveBitForBit) {
-  for (const char* text : {"5e-324", "1.7976931348623157e308", "2.2250738585072014e-308", "-0.0",
-                           "0.30000000000000004", "9007199254740993.0", "123456789012345680.0"}) {
-    const OpcUa_VariantHlp value = received(text, OpcUaType_Double);
-    EXPECT_EQ(value.GetType(), OpcUaType_Double);
-    const double expected = std::strtod(text, nullptr);
-    EXPECT_EQ(std::memcmp(&value.Get().Value.Double, &expected, sizeof expected), 0) << text;
-  }
-}
-
-TEST_F(RemoteValueTest, NullStaysNull) {
-  for (const OpcUa_Byte type : {OpcUaType_Double, OpcUaType_String, OpcUaType_Json}) {
-    EXPECT_EQ(received("null", type).GetType(), OpcUaType_Null);
-  }
-}
-
-TEST_F(RemoteValueTest, JsonTextIsKeptAsItIs) {
-  for (const char* text : {R"({"a":[1,2.5,null,"x"]})", "[]", "5", "\"t\"", "true"}) {
-    const OpcUa_VariantHlp value = received(text, OpcUaType_Json);
-    EXPECT_EQ(value.GetType(), OpcUaType_Json);
-    EXPECT_EQ(value.GetString(), text);
-  }
-}
-
-TEST_F(RemoteValueTest, AValueThatDoesNotConvertKeepsItsForm) {
-  EXPECT_EQ(received("\"abc\"", OpcUaType_Double).GetString(), "abc");
-  EXPECT_EQ(received("300", OpcUaType_Byte).Get().Value.Int64, 300);
-}
-
-// ---- the worker
-
-class RemoteWorkerTest : public RemoteArchiveSourceTest {
- protected:
-  RemoteWorkerTest() {
-    clock.setAutoAdvance(false);
-    configureLoad();
-  }
-
-  template <class Condition>
-  static bool within10s(const Condition& reached) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!reached()) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::yield();
-    }
-    return true;
-  }
-  std::chrono::milliseconds timeToStop() {
-    const auto begun = std::chrono::steady_clock::now();
-    EXPECT_EQ(source->Stop(), 0);
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                 begun);
-  }
-};
-
-TEST_F(RemoteWorkerTest, StopWithoutStartDoesNothing) {
-  EXPECT_EQ(source->Stop(), 0);
-  EXPECT_EQ(source->Stop(), 0);
-  EXPECT_EQ(network.exchanges, 0);
-}
-
-TEST_F(RemoteWorkerTest, MakesAPassEveryHundredMilliseconds) {
-  EXPECT_EQ(source->Start(), 0);
-  ASSERT_TRUE(within10s([&] { return network.exchanges == 1 && clock.waiting() == 1; }));
-  for (int i = 2; i < 5; ++i) {
-    const long long begun = clock.waitsBegun();
-    clock.advance(kSecond);
-    ASSERT_TRUE(within10s([&] { return network.exchanges == i && clock.waitsBegun() > begun; }));
-  }
-  EXPECT_EQ(source->Stop(), 0);
-  EXPECT_EQ(network.exchanges, 4);
-}
-
-TEST_F(RemoteWorkerTest, StopEndsAnExchangeWithADeadPeerAtOnce) {
-  peer().isSilent = true;
-  source->Start();
-  ASSERT_TRUE(within10s([&] { return network.inExchange == 1; }));
-  EXPECT_LT(timeToStop(), std::chrono::milliseconds(5'000));
-  EXPECT_EQ(network.inExchange, 0);
-}
-
-TEST_F(RemoteWorkerTest, InitDoesNotWaitForAnExchange) {
-  peer().isSilent = true;
-  source->Start();
-  ASSERT_TRUE(within10s([&] { return network.inExchange == 1; }));
-  EXPECT_EQ(source->Init(), 0);
-  EXPECT_EQ(network.inExchange, 1);
-  source->Stop();
-}
-
-TEST_F(RemoteWorkerTest, StartTwiceLeavesOneWorkerAndStopEndsBoth) {
-  peer().isSilent = true;
-  source->Start();
-  ASSERT_TRUE(within10s([&] { return network.inExchange == 1; }));
-  source->Start();
-  source->Start();
-  EXPECT_EQ(network.inExchange, 1);
-  EXPECT_LT(timeToStop(), std::chrono::milliseconds(5'000));
-  EXPECT_EQ(network.inExchange, 0);
-  peer().isSilent = false;
-  peer().add("Load", kStart, 3);
-  source->Start();
-  EXPECT_TRUE(within10s([&] { return source->counts(1).stored == 3; }));
-  source->Stop();
-}
-
-TEST_F(RemoteWorkerTest, AnyOrderInATightLoopNeverHangs) {
-  peer().isSilent = true;
-  std::mt19937 random(11);
-  for (int i = 0; i < 300; ++i) {
-    switch (random() % 4) {
-      case 0:
-        EXPECT_EQ(source->Init(), 0);
-        break;
-      case 1:
-        EXPECT_EQ(source->Start(), 0);
-        break;
-      case 2:
-        EXPECT_LT(timeToStop(), std::chrono::milliseconds(5'000));
-        break;
-      default:
-        std::this_thread::yield();
-    }
-  }
-  EXPECT_LT(timeToStop(), std::chrono::milliseconds(5'000));
-}
-
-TEST_F(RemoteWorkerTest, StopWhileInitComesFromElsewhereDoesNotHang) {
-  std::atomic<bool> done{false};
-  std::thread configurer([&] {
-    while (!done) source->Init();
-  });
-  for (int i = 0; i < 100; ++i) {
-    source->Start();
-    source->Stop();
-  }
-  done = true;
-  configurer.join();
-}
-
-TEST_F(RemoteWorkerTest, ItsEndIsWaitedForWhenTheSourceGoes) {
-  peer().isSilent = true;
-  source->Start();
-  source->Start();
-  ASSERT_TRUE(within10s([&] { return network.inExchange == 1; }));
-  source.reset();
-  EXPECT_EQ(network.inExchange, 0);
 }
 
 }  // namespace
