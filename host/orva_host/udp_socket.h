@@ -21,6 +21,8 @@ class UdpSocket {
   int open(const std::string& host, std::uint16_t port);
   bool isOpen() const { return fd_ >= 0; }
   std::uint16_t port() const;
+  // For poll(), to wait for several sockets at a time; -1 while it is not open.
+  int handle() const { return fd_; }
 
   // Waits for a datagram at most so long. Its length, cut to `capacity`, or -1 when none came.
   int receive(char* bytes, std::size_t capacity, int waitMs, NLAddress& from);
