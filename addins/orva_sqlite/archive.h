@@ -56,7 +56,7 @@ class Archive final : public archive::IDataArchive, private Intake {
 
  private:
   void accept(Stream& stream, const PinPtr& pin) override;
-  bool crowded() const override { return buffer_.crowded(); }
+  bool crowded() override { return buffer_.crowded(); }
   void drop(const Stream& stream);
   void refuse(const Stream& stream, const PinPtr& pin);
 

@@ -20,7 +20,7 @@ struct Stream;
 class Intake {
  public:
   virtual void accept(Stream& stream, const PinPtr& pin) = 0;
-  virtual bool crowded() const { return false; }
+  virtual bool crowded() { return false; }
 
  protected:
   ~Intake() = default;

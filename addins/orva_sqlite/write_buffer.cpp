@@ -56,7 +56,17 @@ bool WriteBuffer::offer(BufferedStream& stream, const PinPtr& pin) {
   return true;
 }
 
-bool WriteBuffer::crowded() const { return waiting() >= (capacity_ + 1) / 2; }
+bool WriteBuffer::crowded() {
+  bool wake = false;
+  {
+    MutexLock lock(mutex_);
+    if (nextNumber_ - headNumber_ < (capacity_ + 1) / 2) return false;
+    wake = !awaited_;
+    awaited_ = true;
+  }
+  if (wake) wake_.notify();
+  return true;
+}
 
 std::size_t WriteBuffer::waiting() const {
   MutexLock lock(mutex_);
@@ -74,7 +84,7 @@ bool WriteBuffer::batchIsDue(std::int64_t now, std::int64_t period) const {
   const auto waitingNow = static_cast<std::size_t>(nextNumber_ - headNumber_);
   if (waitingNow == 0) return false;
   // A clock that was set back must not keep samples from the disk.
-  return waitingNow >= wakeAt_ || now - since_ >= period || now < since_;
+  return waitingNow >= wakeAt_ || awaited_ || now - since_ >= period || now < since_;
 }
 
 bool WriteBuffer::hasBatch() const {
@@ -87,6 +97,7 @@ void WriteBuffer::takeBatch() {
   const std::uint64_t end = std::min(nextNumber_, headNumber_ + batchSize_);
   for (BufferedStream* const stream : dirty_) takeFrom(*stream, end);
   headNumber_ = end;
+  awaited_ = false;
   dirty_.erase(std::remove_if(dirty_.begin(), dirty_.end(),
                               [](const BufferedStream* s) { return s->waiting_.empty(); }),
                dirty_.end());

@@ -61,8 +61,8 @@ class WriteBuffer {
   // ---- writers
   // False when the buffer is full: the sample is not taken.
   bool offer(BufferedStream& stream, const PinPtr& pin) EXCLUDES(mutex_);
-  // Whether half of the capacity is used, or more.
-  bool crowded() const EXCLUDES(mutex_);
+  // Whether half of the capacity is used, or more. Who asks waits then, so the batch is due.
+  bool crowded() EXCLUDES(mutex_);
 
   // ---- the writer's thread
   std::size_t waiting() const EXCLUDES(mutex_);
@@ -116,6 +116,7 @@ class WriteBuffer {
   std::uint64_t nextNumber_ GUARDED_BY(mutex_) = 0;
   std::uint64_t headNumber_ GUARDED_BY(mutex_) = 0;  // of the oldest waiting sample
   std::int64_t since_ GUARDED_BY(mutex_) = 0;
+  bool awaited_ GUARDED_BY(mutex_) = false;  // somebody waits for the next batch to be taken
   // Changes whenever what the file may hold changes.
   std::uint64_t epoch_ GUARDED_BY(mutex_) = 0;
   std::int64_t marker_ GUARDED_BY(mutex_) = 0;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "share/ticks.h"
 #include "support/manual_clock.h"
 #include "unit/orva_sqlite/samples.h"
 
@@ -42,6 +43,22 @@ TEST_F(WriteBufferTest, IsCrowdedFromHalfItsCapacityOnUntilABatchIsTaken) {
   EXPECT_TRUE(buffer_.crowded());
   buffer_.takeBatch();
   EXPECT_FALSE(buffer_.crowded());
+}
+
+TEST_F(WriteBufferTest, WhoeverFindsItCrowdedMakesTheBatchDueAndWakesTheWriterOnce) {
+  WriteBuffer buffer(10, 10, wake_);
+  for (std::int64_t time = 1; time <= 5; ++time) buffer.offer(a_, makePin(time, realValue(1)));
+  EXPECT_FALSE(buffer.batchIsDue(clock_.now(), kTicksPerSecond));
+  const std::uint64_t woken = wake_.count();
+  EXPECT_TRUE(buffer.crowded());
+  EXPECT_TRUE(buffer.crowded());
+  EXPECT_EQ(wake_.count(), woken + 1);
+  EXPECT_TRUE(buffer.batchIsDue(clock_.now(), kTicksPerSecond));
+  buffer.takeBatch();
+  EXPECT_EQ(buffer.committed(true), 5U);
+  buffer.offer(a_, makePin(6, realValue(1)));
+  EXPECT_FALSE(buffer.crowded());
+  EXPECT_FALSE(buffer.batchIsDue(clock_.now(), kTicksPerSecond));
 }
 
 TEST_F(WriteBufferTest, TheWriterIsWokenByTheFirstSampleAndWhenABatchWaits) {
