@@ -5,11 +5,12 @@ cd "$(dirname "$0")/.."
 
 usage() {
   cat <<USAGE
-usage: scripts/setup.sh [--checks] [--armhf]
+usage: scripts/setup.sh [--checks] [--armhf] [--fleet]
 
 Installs what building and testing needs from the system's packages (Debian 12), if it is missing.
   --checks  also clang, clang-format, clang-tidy and gcovr
   --armhf   also the 32-bit ARM compiler, qemu and the sysroot that the armhf preset uses
+  --fleet   also what scripts/fleet-proof.sh needs: network namespaces, loss, other clocks
 USAGE
 }
 
@@ -24,6 +25,7 @@ while (($# > 0)); do
       packages+=(g++-arm-linux-gnueabihf qemu-user-static)
       armhf=yes
       ;;
+    --fleet) packages+=(python3 iproute2 iptables faketime) ;;
     -h | --help)
       usage
       exit 0
