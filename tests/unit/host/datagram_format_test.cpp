@@ -200,9 +200,9 @@ TEST(DatagramFormatTest, LongestMessageHasItsPiecesAndALongerOneHasNone) {
 
 TEST(DatagramFormatTest, SetOfPiecesNamesSomeAndNoneBeyondTheLast) {
   using namespace std::string_literals;
-  const std::uint32_t elevenPieces = 11 * kPieceBytes;
+  constexpr std::uint32_t elevenPieces = 11 * kPieceBytes;
   for (const DatagramKind kind : kSetKinds) {
-    const auto sound = [kind, elevenPieces](std::string_view set) {
+    const auto sound = [kind](std::string_view set) {
       return decodes(encodeDatagram(setOf(kind, elevenPieces, set)));
     };
     EXPECT_TRUE(sound("\x01\x00"s));
