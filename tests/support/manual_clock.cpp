@@ -72,8 +72,8 @@ class Clock final : public host::HostClock, public Signal::WaitClock {
   bool block(Signal& signal, std::uint64_t seen, long long ticks, long long current) {
     long long end = 0;
     if (__builtin_add_overflow(elapsed.load(), ticks, &end)) end = INT64_MAX;
+    ++waitsBegun;  // before `waiting`: whoever sees a wait in progress finds it counted
     ++waiting;
-    ++waitsBegun;
     bool notified = false;
     while (!notified && elapsed < end && !autoAdvance && generation == current) {
       notified = signal.waitReal(seen, kTicksPerMillisecond);
