@@ -5,23 +5,32 @@
 namespace orva::archive {
 
 std::int64_t DataArchiveManager::createPinCache(const ItemKey& key) {
+  std::int64_t cacheId = cache::Cache::ID_NOT_FOUND;
+  providePin(key, cacheId);
+  return cacheId;
+}
+
+boost::shared_ptr<cache::CachedItem> DataArchiveManager::providePin(const ItemKey& key,
+                                                                    std::int64_t& cacheId) {
+  cacheId = cache::Cache::ID_NOT_FOUND;
   RecursiveMutexLock lock(state_->cacheMutex);
   const auto layers = vm::VMInfo::GetInstance()->GetArchivedLayers(key.first);
   if (!layers) {
     OpcUa_Trace_Imp(kTraceWarning, "Not found VMItem : %lld", __FILE__, __LINE__,
                     static_cast<long long>(key.first));
-    return cache::Cache::ID_NOT_FOUND;
+    return {};
   }
   if (layers->empty()) {
     OpcUa_Trace_Imp(kTraceWarning, "Layers info emty for VMItem : %lld", __FILE__, __LINE__,
                     static_cast<long long>(key.first));
-    return cache::Cache::ID_NOT_FOUND;
+    return {};
   }
-  std::int64_t cacheId = cache::Cache::ID_NOT_FOUND;
-  const boost::shared_ptr<cache::CachedItem> pin = state_->cache.getPin(key, cacheId);
-  state_->cacheItems.emplace(cacheId, key);
-  state_->attachLayers(cacheId, key, *layers, *pin);
-  return cacheId;
+  std::int64_t id = cache::Cache::ID_NOT_FOUND;
+  boost::shared_ptr<cache::CachedItem> pin = state_->cache.getPin(key, id);
+  state_->cacheItems.emplace(id, key);
+  state_->attachLayers(id, key, *layers, *pin);
+  cacheId = id;
+  return pin;
 }
 
 // Layers that are there already are left alone, with their samples, filter and running periods:

@@ -40,11 +40,13 @@ class CachedItem {
 
   void setFilter(const archive::Filter& filter) EXCLUDES(mutex_);
   archive::Filter filter() const EXCLUDES(mutex_);
-  // Changes single fields of the filter under one lock: change(archive::Filter&).
+  // Changes single fields of the filter under one lock: change(archive::Filter&). Whether layer 0
+  // is there at that moment: when it comes later, its archive's filter replaces what was changed.
   template <class Change>
-  void updateFilter(Change&& change) EXCLUDES(mutex_) {
+  bool updateFilter(Change&& change) EXCLUDES(mutex_) {
     MutexLock lock(mutex_);
     change(filter_);
+    return layers_.count(0) != 0;
   }
 
   // A new sample: if the filter accepts it, it becomes the last one and goes to every layer in

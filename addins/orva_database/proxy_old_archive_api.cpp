@@ -123,16 +123,14 @@ ProxyOldArchiveApi::Held ProxyOldArchiveApi::hold(int item) {
 ProxyOldArchiveApi::Held ProxyOldArchiveApi::bind(int item, std::int64_t variable) {
   State::LegacyItem bound;
   bound.variable = variable;
-  bound.cacheId = manager->createPinCache(ItemKey(variable, ""));
-  bound.pin = manager->getPinCache(bound.cacheId);
+  bound.pin = manager->providePin(ItemKey(variable, ""), bound.cacheId);
   if (!bound.pin) return {};
-  // Asked before the fields are set: a layer 0 that comes later brings its filter later.
-  bound.awaitsArchive = !bound.pin->hasLayer(0);
   MutexLock filterLock(state_->filterMutex);
   State::LegacyItem old = state_->find(item);
   if (old.pin && old.pin != bound.pin && !old.pin->stopped()) return {old.pin, old.cacheId};
   if (old.variable == variable) bound.set = old.set;
-  bound.pin->updateFilter([&bound](Filter& filter) { bound.set.applyTo(filter); });
+  bound.awaitsArchive =
+      !bound.pin->updateFilter([&bound](Filter& filter) { bound.set.applyTo(filter); });
   state_->bind(item, bound);
   return {bound.pin, bound.cacheId};
 }

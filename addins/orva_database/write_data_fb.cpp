@@ -78,18 +78,15 @@ void WriteDataFB::readOwnFilter() {
 
 // Leaves `pin` as it is when the manager has none for the block.
 void WriteDataFB::bind() {
-  DataArchiveManager& manager = DataArchiveManager::instance();
-  cacheId = manager.createPinCache(ItemKey(id, path));
-  boost::shared_ptr<cache::Cache::Pin> found = manager.getPinCache(cacheId);
+  auto found = DataArchiveManager::instance().providePin(ItemKey(id, path), cacheId);
   if (!found) return;
-  pin = found;
+  pin.swap(found);
   applyOwnFilter();
-  awaitsArchive = ownFilter.used && !pin->hasLayer(0);
 }
 
 void WriteDataFB::applyOwnFilter() {
   if (!ownFilter.used) return;
-  pin->updateFilter([this](Filter& filter) {
+  awaitsArchive = !pin->updateFilter([this](Filter& filter) {
     filter.writeByChange = ownFilter.writeByChange;
     if (filter.writeByChange) filter.deadband = ownFilter.deadband;
     filter.minWritePeriod = ownFilter.minWritePeriod;
@@ -102,10 +99,7 @@ void WriteDataFB::applyOwnFilter() {
 bool WriteDataFB::holdsPin() {
   if (pin && pin->stopped()) bind();
   if (!pin || pin->stopped()) return false;
-  if (awaitsArchive && pin->hasLayer(0)) {
-    applyOwnFilter();
-    awaitsArchive = false;
-  }
+  if (awaitsArchive && pin->hasLayer(0)) applyOwnFilter();
   return true;
 }
 

@@ -50,6 +50,9 @@ class ORVA_API DataArchiveManager {
   // The cache id of (item id, path), made when it is new; -1 when the host does not know the item
   // or archives no layer of it. A known item only gets the layers it lacks.
   std::int64_t createPinCache(const ItemKey& key);
+  // The same, and the item itself; empty exactly when the id is -1. In one step: between two, the
+  // item may be forgotten, though its successor would be there for the asking.
+  boost::shared_ptr<cache::CachedItem> providePin(const ItemKey& key, std::int64_t& cacheId);
   // The cache id of a known item, or -1. This form zero-extends the id.
   std::int64_t getCacheId(unsigned itemId, const std::string& path) const;
   std::int64_t getCacheId(const ItemKey& key) const;

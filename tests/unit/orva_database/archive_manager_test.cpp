@@ -540,6 +540,37 @@ TEST_F(ArchiveManagerTest, CachedItemsComeByAscendingCacheId) {
   EXPECT_EQ(cached, (std::vector<std::pair<std::int64_t, ItemKey>>(made.begin(), made.end())));
 }
 
+TEST_F(ArchiveManagerTest, AnItemIsProvidedWithItsCacheId) {
+  start();
+  describeItem(1, "Plant/Load", {{0, {0, 0}}});
+  std::int64_t cacheId = 0;
+  const auto item = manager().providePin({1, "Plant/Load"}, cacheId);
+  EXPECT_EQ(cacheId, manager().createPinCache({1, "Plant/Load"}));
+  EXPECT_EQ(item, pin(cacheId));
+  EXPECT_TRUE(item->hasLayer(0));
+  TraceCapture traces;
+  EXPECT_EQ(manager().providePin({2, "Plant/Load"}, cacheId), nullptr);
+  EXPECT_EQ(cacheId, -1);
+}
+
+TEST_F(ArchiveManagerTest, AnItemIsProvidedAlsoWhileAllItemsAreForgotten) {
+  describeItem(1, "Plant/Load", {{0, {0, 0}}});
+  TraceCapture traces;
+  std::atomic<bool> done{false};
+  std::thread forgetter([&done] {
+    while (!done) manager().clear();
+  });
+  int missing = 0;
+  for (int i = 0; i < 20'000; ++i) {
+    std::int64_t cacheId = -1;
+    if (!manager().providePin({1, "Plant/Load"}, cacheId) || cacheId == -1) ++missing;
+    if (i % 1000 == 0) traces.clear();
+  }
+  done = true;
+  forgetter.join();
+  EXPECT_EQ(missing, 0);
+}
+
 TEST_F(ArchiveManagerTest, UnknownCacheIdHasNoItem) {
   start();
   EXPECT_EQ(manager().getPinCache(-1), nullptr);

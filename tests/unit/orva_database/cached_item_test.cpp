@@ -218,6 +218,31 @@ TEST_F(CachedItemTest, FilterIsHandedOutAsACopyAndChangedFieldByField) {
   EXPECT_EQ(item->filter().minWritePeriod, 7);
 }
 
+// Whoever finds none sets the fields again later, on the filter that comes with the layer.
+TEST_F(CachedItemTest, AChangeOfTheFilterTellsWhetherLayerZeroWasThere) {
+  const auto change = [](Filter& filter) { filter.deadband = 1; };
+  EXPECT_FALSE(item->updateFilter(change));
+  item->addLayer(hours, 1);
+  EXPECT_FALSE(item->updateFilter(change));
+  item->addLayer(raw, 0);
+  EXPECT_TRUE(item->updateFilter(change));
+  item->stop();
+  EXPECT_FALSE(item->updateFilter(change));
+}
+
+TEST_F(CachedItemTest, ALayerThatComesDuringAChangeOfTheFilterIsNotSeenByIt) {
+  for (int round = 0; round < 200; ++round) {
+    item = CachedItem::make();
+    std::thread other;
+    EXPECT_FALSE(item->updateFilter([&](Filter&) {
+      other = std::thread([this] { item->addLayer(raw, 0); });
+      for (int i = 0; i < 50; ++i) std::this_thread::yield();
+    }));
+    other.join();
+    EXPECT_TRUE(item->hasLayer(0));
+  }
+}
+
 TEST_F(CachedItemTest, ForgottenLastSampleLetsTheNextOnePass) {
   append({5});
   item->setFilter(Filter());
