@@ -5,11 +5,12 @@ cd "$(dirname "$0")/.."
 
 usage() {
   cat <<USAGE
-usage: scripts/setup.sh [--checks] [--armhf] [--fleet]
+usage: scripts/setup.sh [--checks] [--armhf] [--page] [--fleet]
 
 Installs what building and testing needs from the system's packages (Debian 12), if it is missing.
   --checks  also clang, clang-format, clang-tidy and gcovr
   --armhf   also the 32-bit ARM compiler, qemu and the sysroot that the armhf preset uses
+  --page    also node and npm, where they are missing, and the browser for its test
   --fleet   also what scripts/fleet-proof.sh needs: network namespaces, loss, other clocks
 USAGE
 }
@@ -24,6 +25,11 @@ while (($# > 0)); do
     --armhf)
       packages+=(g++-arm-linux-gnueabihf qemu-user-static)
       armhf=yes
+      ;;
+    --page)
+      packages+=(chromium fonts-dejavu-core)
+      # Any node from elsewhere is fine too.
+      command -v node >/dev/null && command -v npm >/dev/null || packages+=(nodejs npm)
       ;;
     --fleet) packages+=(python3 iproute2 iptables faketime) ;;
     -h | --help)

@@ -88,6 +88,7 @@ cat <<NEXT
 == it goes on until Ctrl-C; meanwhile, in another terminal:
    $bin/orva_read_history --port $port --seconds 300 System/Cpu/Load
    curl http://127.0.0.1:$port/metrics
+   and in a browser: http://127.0.0.1:$port/?item=Plant/Tank/Level&item=Plant/Tank/Pump&last=10m
    tail -f $folder/host.log
 NEXT
 while kill -0 "$host" 2>/dev/null; do pause 1; done
