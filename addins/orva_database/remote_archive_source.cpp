@@ -16,8 +16,10 @@ namespace {
 
 constexpr std::int64_t kDefaultPeriod = kTicksPerSecond;
 constexpr long long kPauseTicks = 100 * kTicksPerMillisecond;
+// When the local archive has no room: a transaction makes some.
+constexpr long long kCrowdedPauseTicks = 10 * kTicksPerMillisecond;
 constexpr long long kTryTicks = kTicksPerMillisecond;
-// Pages a controller is asked for in a pass. The pause that follows lets others come due.
+// Pages a controller is asked for in a pass. The next pass asks also those that came due.
 constexpr int kSweeps = 16;
 // An exchange with a controller that answered last time, and with one that did not.
 constexpr int kExchangeMs = 5000;
@@ -158,8 +160,7 @@ void RemoteArchiveSource::work() {
   while (true) {
     const std::uint64_t seen = wake_.count();
     if (stop_.load() || !isLatest(number)) break;
-    Execute();
-    wake_.wait(seen, kPauseTicks);
+    wake_.wait(seen, executePass());
   }
   // Whoever waits may destroy this object once the mutex is free.
   MutexLock workers(workersMutex_);
@@ -207,38 +208,55 @@ void RemoteArchiveSource::configure(const Controllers& controllers,
   }
 }
 
-void RemoteArchiveSource::Execute() {
-  if (!link_->isOpen()) return;
-  if (!passMutex_.try_lock()) return;
-  guarded("RemoteArchiveSource::Execute", [this]() NO_THREAD_SAFETY_ANALYSIS { pass(); });
+void RemoteArchiveSource::Execute() { static_cast<void>(executePass()); }
+
+// Makes a pass; how long the worker then pauses.
+long long RemoteArchiveSource::executePass() NO_THREAD_SAFETY_ANALYSIS {
+  long long pause = kPauseTicks;
+  if (!link_->isOpen() || !passMutex_.try_lock()) return pause;
+  guarded("RemoteArchiveSource::Execute", [&]() NO_THREAD_SAFETY_ANALYSIS {
+    pass();
+    pause = pauseAfterPass();
+  });
   passMutex_.unlock();
+  return pause;
+}
+
+long long RemoteArchiveSource::pauseAfterPass() const {
+  if (hasMore_) return 0;
+  for (const auto& [index, exchange] : exchanges_) {
+    if (!exchange->isFailing() && exchange->lacksRoom()) return kCrowdedPauseTicks;
+  }
+  return kPauseTicks;
 }
 
 void RemoteArchiveSource::pass() {
+  hasMore_ = false;
   std::int64_t period = 0;
   if (!takeTables(period)) return;
   const std::int64_t now = getInt64FileTime();
   for (const auto& [index, exchange] : exchanges_) exchange->beginRoundIfDue(now, period);
   const Exchanges failing = chooseFailing(now);
-  askAnswering();
-  if (askOneOf(failing)) askAnswering();
+  hasMore_ = askAnswering();
+  if (askOneOf(failing)) hasMore_ = askAnswering();
   for (const auto& [index, exchange] : exchanges_) exchange->report(now);
 }
 
-// Page after page, one of each controller in turn.
-void RemoteArchiveSource::askAnswering() {
+// Page after page, one of each controller in turn. Whether there may be more.
+bool RemoteArchiveSource::askAnswering() {
   int limitMs = kExchangeMs;
   bool asked = true;
   for (int i = 0; i < kSweeps && asked; ++i) {
     asked = false;
     for (const auto& [index, exchange] : exchanges_) {
-      if (stop_.load()) return;
+      if (stop_.load()) return false;
       if (exchange->isFailing()) continue;
       if (exchange->exchange(*link_, limitMs, stop_)) asked = true;
       // When many fall silent together the others do not wait for each of them so long.
       if (exchange->isFailing()) limitMs = kShortExchangeMs;
     }
   }
+  return asked;
 }
 
 // Those that did not answer and may be tried again, the one that waits longest first.

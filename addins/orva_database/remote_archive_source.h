@@ -20,7 +20,7 @@ namespace orva::archive {
 
 // Brings the archives of other controllers here: asks them for the new records of configured items,
 // and stores these as samples of local items. Configured by the section "RemoteData"; a thread of
-// its own makes a pass every 100 ms.
+// its own makes a pass every 100 ms, and sooner while there is more to bring.
 //
 // Init(), Start() and Stop() come from the host's configuration thread, in any order.
 //
@@ -68,12 +68,14 @@ class RemoteArchiveSource {
   using Exchanges = std::vector<RemoteExchange*>;
 
   bool lockUnlessStopping() TRY_ACQUIRE(true, mutex_);
+  long long executePass() EXCLUDES(mutex_, passMutex_);
   void pass() REQUIRES(passMutex_) EXCLUDES(mutex_);
+  long long pauseAfterPass() const REQUIRES(passMutex_);
   // False when the worker is to stop.
   bool takeTables(std::int64_t& period) REQUIRES(passMutex_) EXCLUDES(mutex_);
   void configure(const Controllers& controllers, const std::map<std::int32_t, Peer>& peers)
       REQUIRES(passMutex_);
-  void askAnswering() REQUIRES(passMutex_);
+  bool askAnswering() REQUIRES(passMutex_);
   Exchanges chooseFailing(std::int64_t now) const REQUIRES(passMutex_);
   bool askOneOf(const Exchanges& failing) REQUIRES(passMutex_);
   void work() EXCLUDES(workersMutex_);
@@ -104,6 +106,7 @@ class RemoteArchiveSource {
   mutable Mutex passMutex_;  // held for a whole pass; before mutex_, and tried only
   std::map<std::int32_t, std::unique_ptr<RemoteExchange>> exchanges_ GUARDED_BY(passMutex_);
   std::uint64_t seenVersion_ GUARDED_BY(passMutex_) = 0;
+  bool hasMore_ GUARDED_BY(passMutex_) = false;  // the last pass left pages unasked for
 };
 
 }  // namespace orva::archive

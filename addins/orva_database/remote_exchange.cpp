@@ -104,11 +104,14 @@ bool RemoteExchange::exchange(ControllerLink& link, int limitMs, const std::atom
 std::vector<std::size_t> RemoteExchange::chooseItems() {
   std::vector<std::size_t> chosen;
   std::size_t pathBytes = 0;
+  lacksRoom_ = false;
   for (std::size_t i = 0; i < members_.size() && chosen.size() < atOnce_; ++i) {
     const std::size_t at = (cursor_ + i) % members_.size();
     Member& member = members_[at];
     if (!member.wanted && !member.item->hasToStore()) continue;
-    if (!member.item->prepare() || !member.wanted) continue;
+    const bool prepared = member.item->prepare();
+    lacksRoom_ = lacksRoom_ || member.item->lacksRoom();
+    if (!prepared || !member.wanted) continue;
     pathBytes += member.item->info().remotePath.size();
     if (!chosen.empty() && pathBytes > kMostPathBytes) break;
     chosen.push_back(at);

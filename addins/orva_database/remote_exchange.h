@@ -39,6 +39,8 @@ class RemoteExchange {
   bool isFailing() const { return failures_ != 0; }
   bool mayTry(std::int64_t now) const;
   std::int64_t triedAt() const { return triedAt_; }
+  // Whether items could not be asked for since the local archive has no room for more samples.
+  bool lacksRoom() const { return lacksRoom_; }
   // One exchange of `limitMs` at most. False when there is nothing to ask for.
   bool exchange(ControllerLink& link, int limitMs, const std::atomic<bool>& stop);
   // Says in the log which samples were not stored, once a minute at most.
@@ -68,6 +70,7 @@ class RemoteExchange {
   const std::string methodPath_;
   NLAddress address_;
   std::vector<Member> members_;
+  bool lacksRoom_ = false;  // when items were last chosen
   std::size_t cursor_ = 0;  // where the next exchange begins to look for items
   std::size_t atOnce_ = kMostItems;
   unsigned successes_ = 0;  // since fewer items had to be asked for

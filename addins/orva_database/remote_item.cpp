@@ -14,7 +14,15 @@ namespace {
 constexpr std::int64_t kLookUpTicks = 50 * kTicksPerMillisecond;
 }  // namespace
 
-bool RemoteItem::prepare() { return findPin() && findStart() && store() && !pin_->crowded(); }
+bool RemoteItem::prepare() {
+  lacksRoom_ = false;
+  return findPin() && findStart() && store() && hasRoom();
+}
+
+bool RemoteItem::hasRoom() {
+  lacksRoom_ = pin_->crowded();
+  return !lacksRoom_;
+}
 
 // Whether there is a local item that archives. One that was stopped has a successor.
 bool RemoteItem::findPin() {
@@ -54,7 +62,7 @@ bool RemoteItem::findStart() {
 // True when nothing that was received waits any more.
 bool RemoteItem::store() {
   while (!info_.values.empty()) {
-    if (pin_->crowded()) return false;
+    if (!hasRoom()) return false;
     switch (pin_->offer(info_.values.front())) {
       case cache::CachedItem::Offer::stopped:
         return false;

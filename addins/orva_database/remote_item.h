@@ -38,6 +38,8 @@ class RemoteItem {
   // Brings the item on as far as goes without waiting: finds the local item, where it ends, and
   // stores what was received. True when the next page may be asked for.
   bool prepare();
+  // Whether prepare() went no further since the local archive has no room.
+  bool lacksRoom() const { return lacksRoom_; }
   bool hasToStore() const { return !info_.values.empty(); }
   std::int64_t continuationPoint() const { return info_.continuationPoint; }
   const RemoteSourceInfo& info() const { return info_; }
@@ -47,6 +49,7 @@ class RemoteItem {
  private:
   bool findPin();
   bool findStart();
+  bool hasRoom();
   bool store();
   void receive(const json::Value& values);
   bool isRepeated(const Pin& sample);
@@ -58,6 +61,7 @@ class RemoteItem {
   boost::shared_ptr<cache::CachedItem> pin_;
   bool unresolved_ = false;  // and traced
   std::int64_t lookedUpAt_ = 0;
+  bool lacksRoom_ = false;
   bool started_ = false;  // continuationPoint is set
   // The other side gave continuationPoint: whatever comes from there on was not here before.
   bool exact_ = false;

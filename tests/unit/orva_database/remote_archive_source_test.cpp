@@ -541,31 +541,17 @@ TEST_F(RemoteArchiveSourceTest, ASampleOlderThanTheLocalHistoryIsRefusedRightAft
   EXPECT_EQ(source->counts(1).refused, 1U);
 }
 
-// A local archive whose write buffer is half full at times.
-struct CrowdedWriter : ILayerWriter {
-  void write(const PinPtr& pin) override {
-    times.push_back(pin->time);
-    if (++taken == most) full = true;
-  }
-  bool crowded() const override { return full; }
-  std::vector<std::int64_t> times;
-  std::size_t taken = 0;
-  std::size_t most = 10;
-  bool full = false;
-};
-
 TEST_F(RemoteArchiveSourceTest, WaitsForRoomInTheLocalArchiveAndLosesNothing) {
   configureLoad();
   peer().page = 25;
   peer().add("Load", kStart, 60);
-  CrowdedWriter writer;
+  test::CrowdedWriter writer;
   pin(manager().createPinCache(kLoad))->addLayer(writer, 0);
   pass();
   EXPECT_EQ(writer.times.size(), 10U);
   EXPECT_EQ(network.exchanges, 1);
   for (int i = 0; i < 20; ++i) {
-    writer.taken = 0;
-    writer.full = false;
+    writer.makeRoom();
     nextRound();
   }
   ASSERT_EQ(writer.times.size(), 60U);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "orva_database/controller_link.h"
+#include "share/archive_provider.h"
 #include "share/json.h"
 #include "share/mutex.h"
 
@@ -71,6 +72,21 @@ class FakeLink final : public archive::ControllerLink {
 
  private:
   FakeNetwork& network_;
+};
+
+// A local archive that takes ten samples, and then no more until there is room again.
+struct CrowdedWriter : archive::ILayerWriter {
+  static constexpr std::size_t kRoom = 10;
+
+  void write(const PinPtr& pin) override {
+    times.push_back(pin->time);
+    ++taken;
+  }
+  bool crowded() const override { return taken >= kRoom; }
+  void makeRoom() { taken = 0; }
+
+  std::vector<std::int64_t> times;
+  std::size_t taken = 0;
 };
 
 }  // namespace orva::test

@@ -50,6 +50,33 @@ TEST_F(RemoteWorkerTest, MakesAPassEveryHundredMilliseconds) {
   EXPECT_EQ(network.exchanges, 4);
 }
 
+TEST_F(RemoteWorkerTest, MakesNoPauseWhileThereIsMore) {
+  peer().page = 5;
+  peer().add("Load", kStart, 500);
+  source->Start();
+  EXPECT_TRUE(within10s([&] { return network.exchanges == 100 && clock.waiting() == 1; }));
+  source->Stop();
+  EXPECT_EQ(source->counts(1).stored, 500U);
+}
+
+TEST_F(RemoteWorkerTest, LooksForRoomInTheLocalArchiveTenTimesAsOften) {
+  peer().add("Load", kStart, 60);
+  test::CrowdedWriter writer;
+  pin(manager().createPinCache(kLoad))->addLayer(writer, 0);
+  source->Start();
+  for (std::size_t i = 1; i < 6; ++i) {
+    ASSERT_TRUE(within10s([&] { return clock.waiting() == 1; }));
+    EXPECT_EQ(writer.times.size(), 10 * i);
+    writer.makeRoom();
+    const long long begun = clock.waitsBegun();
+    clock.advance(10 * kMs);
+    ASSERT_TRUE(within10s([&] { return clock.waitsBegun() > begun; }));
+  }
+  source->Stop();
+  EXPECT_EQ(writer.times.size(), 60U);
+  manager().clear();
+}
+
 TEST_F(RemoteWorkerTest, StopEndsAnExchangeWithADeadPeerAtOnce) {
   peer().isSilent = true;
   source->Start();
