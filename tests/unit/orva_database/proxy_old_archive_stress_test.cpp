@@ -2,10 +2,8 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstdlib>
 #include <map>
 #include <memory>
-#include <new>
 #include <thread>
 #include <vector>
 
@@ -13,7 +11,7 @@
 #include "support/archive_fixture.h"
 #include "support/trace_capture.h"
 
-// The older archive interface with much data, many threads and little memory.
+// The older archive interface with much data and many threads.
 
 namespace orva::archive {
 namespace {
@@ -167,96 +165,5 @@ TEST_F(ProxyOldArchiveStressTest, ThreadsShareASourceWhileArchivesAreRebuilt) {
   EXPECT_EQ(factory.last().written({1, ""}, 0).back()->time, 1'000'000);
 }
 
-// The thread's allocations that still succeed; negative: all.
-thread_local long allocationsLeft = -1;
-
-template <class Call>
-void withAllocations(long count, const Call& call) {
-  allocationsLeft = count;
-  try {
-    call();
-  } catch (...) {
-    allocationsLeft = -1;
-    throw;
-  }
-  allocationsLeft = -1;
-}
-
-TEST_F(ProxyOldArchiveStressTest, AReadThatRunsOutOfMemoryIsEitherRefusedOrAnswered) {
-  test::TraceCapture traces;
-  start();
-  bindItems(2);
-  for (const int id : {1, 2}) archive().add({id, ""}, 0, test::realPins(10, 20));
-  int refused = 0;
-  bool enough = false;
-  for (long count = 0; !enough && count < 2000; ++count) {
-    ArchiveRequest request;
-    request.items = {1, 2};
-    bool thrown = false;
-    try {
-      withAllocations(count, [&] { ASSERT_EQ(source.AddRequest(&request), 0); });
-    } catch (const std::bad_alloc&) {
-      thrown = true;
-      ++refused;
-    }
-    if (!thrown && !request.WaitFor(0)) {
-      manager().clear();  // a read that lost its way is answered at the latest now
-      EXPECT_TRUE(request.WaitFor(0)) << "with " << count << " allocations";
-      start();
-      factory.last().addItem({1, ""});
-      for (const int id : {1, 2}) factory.last().add({id, ""}, 0, test::realPins(10, 20));
-    }
-    EXPECT_FALSE(request.WaitFor(0)) << "with " << count << " allocations";
-    enough = !thrown && request.status == 0 && request.records.size() == 40;
-  }
-  EXPECT_TRUE(enough);
-  EXPECT_GT(refused, 0);
-}
-
-TEST_F(ProxyOldArchiveStressTest, OtherOperationsThatRunOutOfMemorySaySo) {
-  constexpr int kCaught = static_cast<int>(status::kBadOutOfMemory);
-  test::TraceCapture traces;
-  start();
-  int refused = 0;
-  int id = 0;
-  bool enough = false;
-  for (long count = 0; !enough && count < 2000; ++count) {
-    describeItem(++id, "Plant", {{0, {0, 0}}});
-    int item = 0;
-    int found = 0;
-    int filtered = 0;
-    int added = 0;
-    const ArchiveRec rec(10, OpcUa_VariantHlp());
-    withAllocations(count, [&] {
-      found = source.FindArchiveItemId(id, "", item);
-      filtered = source.SetDisableWriteByChange(id, true);
-      added = source.AddValue(id, rec);
-    });
-    for (const int result : {found, filtered, added}) {
-      refused += result == kCaught ? 1 : 0;
-    }
-    enough = found == 0 && filtered == 0 && added == 0;
-  }
-  EXPECT_TRUE(enough);
-  EXPECT_GT(refused, 0);
-}
-
 }  // namespace
-
-// What the unit tests' allocations go through.
-void* allocateOrThrow(std::size_t size) {
-  if (allocationsLeft == 0) throw std::bad_alloc();
-  if (allocationsLeft > 0) --allocationsLeft;
-  void* memory = std::malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-
 }  // namespace orva::archive
-
-void* operator new(std::size_t size) { return orva::archive::allocateOrThrow(size); }
-void* operator new[](std::size_t size) { return orva::archive::allocateOrThrow(size); }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }

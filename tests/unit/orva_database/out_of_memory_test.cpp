@@ -1,0 +1,162 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <new>
+#include <string>
+
+#include "orva_database/proxy_old_archive_api.h"
+#include "support/archive_fixture.h"
+#include "support/history_service.h"
+#include "support/trace_capture.h"
+
+// Allocations that fail one after the other: what was begun is taken back or answered.
+
+namespace orva {
+namespace {
+
+// The thread's allocations that still succeed; negative: all.
+thread_local long allocationsLeft = -1;
+
+template <class Call>
+void withAllocations(long count, const Call& call) {
+  allocationsLeft = count;
+  try {
+    call();
+  } catch (...) {
+    allocationsLeft = -1;
+    throw;
+  }
+  allocationsLeft = -1;
+}
+
+// ---- the older archive interface
+
+class LegacyOutOfMemoryTest : public test::ArchiveFixture {
+ protected:
+  LegacyOutOfMemoryTest() {
+    describeLayer(0, true);
+    EXPECT_EQ(source.Init(0, nullptr), 0);
+  }
+
+  void bindItems(int count) {
+    for (int id = 1; id <= count; ++id) {
+      describeItem(id, "Plant/" + std::to_string(id), {{0, {0, 0}}});
+      int item = 0;
+      ASSERT_EQ(source.FindArchiveItemId(id, "", item), 0);
+    }
+  }
+
+  archive::ProxyOldArchiveApi source;
+};
+
+TEST_F(LegacyOutOfMemoryTest, AReadThatRunsOutOfMemoryIsEitherRefusedOrAnswered) {
+  test::TraceCapture traces;
+  start();
+  bindItems(2);
+  for (const int id : {1, 2}) archive().add({id, ""}, 0, test::realPins(10, 20));
+  int refused = 0;
+  bool enough = false;
+  for (long count = 0; !enough && count < 2000; ++count) {
+    ArchiveRequest request;
+    request.items = {1, 2};
+    bool thrown = false;
+    try {
+      withAllocations(count, [&] { ASSERT_EQ(source.AddRequest(&request), 0); });
+    } catch (const std::bad_alloc&) {
+      thrown = true;
+      ++refused;
+    }
+    if (!thrown && !request.WaitFor(0)) {
+      manager().clear();  // a read that lost its way is answered at the latest now
+      EXPECT_TRUE(request.WaitFor(0)) << "with " << count << " allocations";
+      start();
+      factory.last().addItem({1, ""});
+      for (const int id : {1, 2}) factory.last().add({id, ""}, 0, test::realPins(10, 20));
+    }
+    EXPECT_FALSE(request.WaitFor(0)) << "with " << count << " allocations";
+    enough = !thrown && request.status == 0 && request.records.size() == 40;
+  }
+  EXPECT_TRUE(enough);
+  EXPECT_GT(refused, 0);
+}
+
+TEST_F(LegacyOutOfMemoryTest, OtherOperationsThatRunOutOfMemorySaySo) {
+  constexpr int kCaught = static_cast<int>(status::kBadOutOfMemory);
+  test::TraceCapture traces;
+  start();
+  int refused = 0;
+  int id = 0;
+  bool enough = false;
+  for (long count = 0; !enough && count < 2000; ++count) {
+    describeItem(++id, "Plant", {{0, {0, 0}}});
+    int item = 0;
+    int found = 0;
+    int filtered = 0;
+    int added = 0;
+    const ArchiveRec rec(10, OpcUa_VariantHlp());
+    withAllocations(count, [&] {
+      found = source.FindArchiveItemId(id, "", item);
+      filtered = source.SetDisableWriteByChange(id, true);
+      added = source.AddValue(id, rec);
+    });
+    for (const int result : {found, filtered, added}) {
+      refused += result == kCaught ? 1 : 0;
+    }
+    enough = found == 0 && filtered == 0 && added == 0;
+  }
+  EXPECT_TRUE(enough);
+  EXPECT_GT(refused, 0);
+}
+
+// ---- asynchronous reads
+
+TEST(AsyncOutOfMemoryTest, AReadThatCouldNotBeAskedForIsNotWaitedFor) {
+  constexpr const char* kIds = "\"subscriptionId\":3,\"requestId\":1";
+  const std::string publish = std::string("{\"parameters\":{") + kIds + "}}";
+  test::HistoryService service;
+  const std::int64_t id = service.addItem(7, "Plant/Load");
+  service.archive().add({7, "Plant/Load"}, 0, test::steps(test::kT0, 5));
+  service.archive().setScript({test::When::never});
+  const std::string ask =
+      "/Methods/HistoryReadRawAsync\ntest\n{\"data\":[{\"archiveItemId\":" + std::to_string(id) +
+      "}],\"parameters\":{" + kIds + "}}";
+  char reply[1000];
+  int refused = 0;
+  bool enough = false;
+  for (long count = 0; !enough && count < 2000; ++count) {
+    int length = 0;
+    int result = 0;
+    withAllocations(count, [&] {
+      result = RequestProcessor::ProcessJSONRequest(&service.processor(), 0, ask.data(),
+                                                    static_cast<int>(ask.size()), reply,
+                                                    sizeof reply, &length);
+    });
+    enough = result == 0;
+    if (enough) break;
+    EXPECT_EQ(static_cast<StatusCode>(result), status::kBadOutOfMemory) << count;
+    ++refused;
+    EXPECT_EQ(service.call("PublishHistoryData", publish).status, 0x804A0000U) << count;
+  }
+  EXPECT_TRUE(enough);
+  EXPECT_GT(refused, 0);
+}
+
+}  // namespace
+
+// What the unit tests' allocations go through.
+void* allocateOrThrow(std::size_t size) {
+  if (allocationsLeft == 0) throw std::bad_alloc();
+  if (allocationsLeft > 0) --allocationsLeft;
+  void* memory = std::malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+
+}  // namespace orva
+
+void* operator new(std::size_t size) { return orva::allocateOrThrow(size); }
+void* operator new[](std::size_t size) { return orva::allocateOrThrow(size); }
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
