@@ -90,6 +90,11 @@ void TasksPool::remove(std::int64_t id) {
   while (runsElsewhere(id)) ended_.wait(mutex_);
 }
 
+std::optional<TaskSchedule::Time> TasksPool::nextDue() {
+  const MutexLock lock(mutex_);
+  return schedule_.nextDue();
+}
+
 void TasksPool::makeAllDue() {
   const MutexLock lock(mutex_);
   schedule_.makeAllDue(TaskSchedule::Clock::now());

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <thread>
 
 #include "orva_host/task_schedule.h"
@@ -27,6 +28,8 @@ class TasksPool {
   std::int64_t add(long long period, std::function<void()> task) EXCLUDES(mutex_);
   void remove(std::int64_t id) EXCLUDES(mutex_);
 
+  // When the next task is due; none while there is none that is not running. For tests.
+  std::optional<TaskSchedule::Time> nextDue() EXCLUDES(mutex_);
   // Has every task that is not running called now, and then after whole periods from now. For
   // tests, which cannot wait for long periods.
   void makeAllDue() EXCLUDES(mutex_);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <limits>
 #include <memory>
 #include <string>
@@ -183,6 +184,18 @@ class StuckLog final : public host::TraceHook {
   host::Gate leave;
   std::atomic<bool> left{false};
 };
+
+TEST(StatsLifeTest, ALineIsDueEverySixtySeconds) {
+  const std::chrono::seconds period(60);
+  host::TasksPool& pool = host::TasksPool::instance();
+  ASSERT_FALSE(pool.nextDue()) << "another test has left a task";
+  const auto before = host::TaskSchedule::Clock::now();
+  const Stats stats("period");
+  const auto due = pool.nextDue();
+  ASSERT_TRUE(due);
+  EXPECT_GE(*due, before + period);
+  EXPECT_LE(*due, host::TaskSchedule::Clock::now() + period);
+}
 
 TEST(StatsLifeTest, TheHostsTaskPoolWritesTheLines) {
   StuckLog log;
