@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <boost/smart_ptr/make_shared.hpp>
+#include <chrono>
 #include <csignal>
 #include <functional>
+#include <future>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host/trace.h"
@@ -127,6 +130,30 @@ TEST_F(EventArchiveManagerTest, SecondInitCreatesNothing) {
   EXPECT_TRUE(traces_.texts().empty());
 }
 
+TEST_F(EventArchiveManagerTest, AnInitThatComesDuringAnotherCreatesNothing) {
+  std::thread second;
+  factory_.onStart = [&second](int number) {
+    if (number != 1) return;
+    second = std::thread([] { EXPECT_EQ(manager().init(), 0); });
+    for (int i = 0; i < 10'000; ++i) std::this_thread::yield();
+  };
+  EXPECT_EQ(start(2), 0);
+  second.join();
+  EXPECT_EQ(factory_.calls, (Texts{"start 1", "start 2"}));
+}
+
+TEST_F(EventArchiveManagerTest, AClearThatComesDuringInitEndsTheArchivesThatItMakes) {
+  std::thread clearing;
+  factory_.onStart = [&clearing](int number) {
+    if (number != 1) return;
+    clearing = std::thread([] { manager().clear(); });
+    for (int i = 0; i < 10'000; ++i) std::this_thread::yield();
+  };
+  EXPECT_EQ(start(2), 0);
+  clearing.join();
+  EXPECT_EQ(factory_.calls, (Texts{"start 1", "start 2", "end 1", "end 2"}));
+}
+
 TEST_F(EventArchiveManagerTest, LaterFactoryOfTheSameNameReplacesTheEarlier) {
   RecordingFactory second;
   manager().regFactory("recording", &second);
@@ -217,13 +244,18 @@ TEST_F(EventArchiveManagerTest, ClearEndsTheArchivesByAscendingNumberWithoutStop
   manager().clear();
 }
 
-TEST_F(EventArchiveManagerTest, ArchiveThatEndsMayUseTheManager) {
+TEST_F(EventArchiveManagerTest, ArchiveThatEndsMayWaitForAThreadThatUsesTheManager) {
   start(2);
-  bool found = true;
-  factory_.onEnd = [&found](int) { found = manager().archive(1) != nullptr; };
+  std::vector<std::future<bool>> lookUps;
+  factory_.onEnd = [&lookUps](int) {
+    lookUps.push_back(
+        std::async(std::launch::async, [] { return manager().archive(1) != nullptr; }));
+    EXPECT_EQ(lookUps.back().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  };
   manager().clear();
-  EXPECT_FALSE(found);
   factory_.onEnd = nullptr;
+  ASSERT_EQ(lookUps.size(), 2U);
+  for (auto& found : lookUps) EXPECT_FALSE(found.get());
 }
 
 TEST_F(EventArchiveManagerTest, ClearKeepsTheFactories) {
