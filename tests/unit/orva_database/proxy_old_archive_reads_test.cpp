@@ -415,6 +415,26 @@ TEST_F(LegacyTimeoutTest, ASourceThatEndsWakesItsReadersWithWhatArrived) {
   EXPECT_EQ(times(both), Times({10, 11}));
 }
 
+TEST_F(ProxyOldArchiveReadsTest, ASourceMayEndWhileItsReadIsBeingAnswered) {
+  const int item = bindItem(7, test::realPins(10, 20));
+  archive().setScript({When::later});
+  for (int i = 0; i < 500; ++i) {
+    auto ending = std::make_unique<ProxyOldArchiveApi>();
+    ending->Init(0, nullptr);
+    auto request = std::make_unique<ArchiveRequest>();
+    request->items = {item};
+    ASSERT_EQ(ending->AddRequest(request.get()), 0);
+    for (int yields = i % 20; yields > 0; --yields) std::this_thread::yield();
+    ending.reset();
+    ASSERT_TRUE(request->WaitFor(kPatienceMs));
+    if (request->status == 0) {
+      ASSERT_EQ(request->records.size(), 20U);
+    } else {
+      ASSERT_EQ(request->status, status::kBadTimeout);
+    }
+  }
+}
+
 TEST_F(ProxyOldArchiveReadsTest, ARequestThatIsNotUnderWayIsNotFinished) {
   source->RequestFinished(test::requestFor(7));
   source->RequestFinished(nullptr);
