@@ -110,6 +110,18 @@ TEST_F(ProxyOldArchiveReadsTest, RecordsComeItemByItemOldestFirst) {
   EXPECT_EQ(request.status, 0U);
 }
 
+TEST_F(ProxyOldArchiveReadsTest, TheReadIsMarkedWithAllBitsOfTheCallersId) {
+  const int item = bindItem(7, test::realPins(10, 1));
+  std::int64_t tag = 0;
+  archive().onRead(
+      [&tag](const SharedInterval& interval) { tag = interval->item()->request.lock()->tag(); });
+  ArchiveRequest request;
+  request.id = -5 * kHigh - 3;
+  request.items = {item};
+  read(request);
+  EXPECT_EQ(tag, request.id);
+}
+
 TEST_F(ProxyOldArchiveReadsTest, ARecordHasTheSamplesValueAndQuality) {
   OpcUa_VariantHlp text;
   text.SetString("Pump on");
