@@ -27,6 +27,7 @@ constexpr std::size_t kMostProofs = 4096;
 struct NetworkState {
   Mutex mutex;  // leaf
   NetworkCfg cfg GUARDED_BY(mutex);
+  SocketCounters counters GUARDED_BY(mutex);  // of all sockets
 };
 
 // Never destroyed: threads may still ask while the process ends.
@@ -164,8 +165,13 @@ class SocketExchange {
 
   template <class Change>
   void count(Change change) {
-    const MutexLock lock(socket_.mutex);
-    change(socket_.counters);
+    {
+      const MutexLock lock(socket_.mutex);
+      change(socket_.counters);
+    }
+    NetworkState& state = networkState();
+    const MutexLock lock(state.mutex);
+    change(state.counters);
   }
 
   NLSocket& socket_;
@@ -204,6 +210,12 @@ void useNetwork(const NetworkCfg& cfg) {
 SocketCounters socketCounters(NLSocket* socket) {
   const MutexLock lock(socket->mutex);
   return socket->counters;
+}
+
+SocketCounters allSocketCounters() {
+  NetworkState& state = networkState();
+  const MutexLock lock(state.mutex);
+  return state.counters;
 }
 
 }  // namespace orva::host

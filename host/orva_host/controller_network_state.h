@@ -21,5 +21,7 @@ struct SocketCounters {
   std::uint64_t repeatedPieces = 0;  // pieces that were sent or asked for again
 };
 SocketCounters socketCounters(NLSocket* socket);
+// The same of all sockets that were ever opened.
+SocketCounters allSocketCounters();
 
 }  // namespace orva::host

@@ -78,7 +78,7 @@ struct HostApp::Parts {
   SourceRunner sources;
   HostNetwork network;
   HttpServer http;
-  HostMetrics metrics{http};
+  HostMetrics metrics{http, network};
 };
 
 HostApp::HostApp(CommandLine options)

@@ -19,6 +19,22 @@ constexpr Family kResident{"orva_host_resident_bytes", Kind::gauge,
                            "Memory of the process that is in RAM."};
 constexpr Family kRequests{"orva_host_http_requests_total", Kind::counter,
                            "HTTP requests answered, by class of the reply's status."};
+constexpr Family kDatagramsIn{"orva_host_network_received_datagrams_total", Kind::counter,
+                              "Datagrams of other controllers that arrived."};
+constexpr Family kDatagramsOut{"orva_host_network_sent_datagrams_total", Kind::counter,
+                               "Datagrams sent to other controllers."};
+constexpr Family kBytesIn{"orva_host_network_received_bytes_total", Kind::counter,
+                          "Bytes of the datagrams that arrived."};
+constexpr Family kBytesOut{"orva_host_network_sent_bytes_total", Kind::counter,
+                           "Bytes of the datagrams that were sent."};
+constexpr Family kIgnored{"orva_host_network_ignored_datagrams_total", Kind::counter,
+                          "Datagrams that were not for this controller, or not whole."};
+constexpr Family kRepeated{"orva_host_network_repeated_pieces_total", Kind::counter,
+                           "Pieces of messages that had to be sent or asked for again."};
+constexpr Family kServed{"orva_host_network_requests_total", Kind::counter,
+                         "Requests of other controllers that were served."};
+constexpr Family kNoRoom{"orva_host_network_refused_requests_total", Kind::counter,
+                         "Requests of other controllers that there was no room for."};
 
 // 0 when the system does not tell.
 std::int64_t residentBytes() {
@@ -31,8 +47,10 @@ std::int64_t residentBytes() {
 
 }  // namespace
 
-HostMetrics::HostMetrics(const HttpServer& http)
-    : http_(http), registration_("host", [this](metrics::Sink& sink) { collect(sink); }) {}
+HostMetrics::HostMetrics(const HttpServer& http, const HostNetwork& network)
+    : http_(http),
+      network_(network),
+      registration_("host", [this](metrics::Sink& sink) { collect(sink); }) {}
 
 void HostMetrics::collect(metrics::Sink& sink) const {
   sink.add(kBuildInfo, {{"version", ORVA_VERSION}}, 1);
@@ -43,6 +61,19 @@ void HostMetrics::collect(metrics::Sink& sink) const {
   for (std::size_t i = 0; i < replies.size(); ++i) {
     sink.add(kRequests, {{"code", std::to_string(i + 1) + "xx"}}, replies[i]);
   }
+  collectNetwork(sink);
+}
+
+void HostMetrics::collectNetwork(metrics::Sink& sink) const {
+  const NetworkFigures figures = network_.figures();
+  sink.add(kDatagramsIn, figures.datagramsIn);
+  sink.add(kDatagramsOut, figures.datagramsOut);
+  sink.add(kBytesIn, figures.bytesIn);
+  sink.add(kBytesOut, figures.bytesOut);
+  sink.add(kIgnored, figures.ignored);
+  sink.add(kRepeated, figures.repeatedPieces);
+  sink.add(kServed, figures.requests);
+  sink.add(kNoRoom, figures.refused);
 }
 
 }  // namespace orva::host

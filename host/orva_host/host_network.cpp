@@ -37,4 +37,19 @@ void HostNetwork::reread(const NetworkCfg& next) {
 
 void HostNetwork::stop() { server_.stop(); }
 
+NetworkFigures HostNetwork::figures() const {
+  const ExchangeCounters answering = server_.counters();
+  const SocketCounters asking = allSocketCounters();
+  NetworkFigures figures;
+  figures.datagramsIn = answering.datagrams + asking.datagramsIn;
+  figures.datagramsOut = server_.datagramsSent() + asking.datagramsOut;
+  figures.bytesIn = answering.bytes + asking.bytesIn;
+  figures.bytesOut = server_.bytesSent() + asking.bytesOut;
+  figures.ignored = answering.strange + answering.unreadable + asking.ignored;
+  figures.repeatedPieces = asking.repeatedPieces;
+  figures.requests = answering.requests;
+  figures.refused = answering.refused + answering.evicted;
+  return figures;
+}
+
 }  // namespace orva::host

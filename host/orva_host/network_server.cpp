@@ -1,5 +1,6 @@
 #include "orva_host/network_server.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <deque>
@@ -37,11 +38,14 @@ struct NetworkServer::State {
   void serveAll() EXCLUDES(mutex);
   bool next(NetworkRequest& out) EXCLUDES(mutex);
   void serveOne(const NetworkRequest& request, std::vector<char>& buffer) EXCLUDES(mutex);
+  void send(const OutgoingDatagrams& out);
   void reportStrangers() EXCLUDES(mutex);
 
   const Handler serve;
   UdpSocket socket;  // set before the threads start
   int answerBytes = 0;
+  std::atomic<std::uint64_t> datagramsSent{0};
+  std::atomic<std::uint64_t> bytesSent{0};
 
   mutable Mutex mutex;  // leaf
   Condition changed;    // queue, stopping or threads
@@ -85,7 +89,13 @@ void NetworkServer::State::receiveOne(const NLAddress& from, const char* bytes,
       changed.notifyOne();
     }
   }
-  socket.send(out);
+  send(out);
+}
+
+void NetworkServer::State::send(const OutgoingDatagrams& out) {
+  const UdpSocket::Sent taken = socket.send(out);
+  datagramsSent += taken.datagrams;
+  bytesSent += taken.bytes;
 }
 
 void NetworkServer::State::expire() {
@@ -140,7 +150,7 @@ void NetworkServer::State::serveOne(const NetworkRequest& request, std::vector<c
     std::string text(buffer.data(), static_cast<std::size_t>(length));
     exchanges.answer(request.key, code, std::move(text), steadyMs(), out);
   }
-  socket.send(out);
+  send(out);
 }
 
 NetworkServer::NetworkServer() : NetworkServer(dispatchToBuffer) {}
@@ -213,6 +223,9 @@ ExchangeCounters NetworkServer::counters() const {
   const MutexLock lock(state_->mutex);
   return state_->exchanges.counters();
 }
+
+std::uint64_t NetworkServer::datagramsSent() const { return state_->datagramsSent; }
+std::uint64_t NetworkServer::bytesSent() const { return state_->bytesSent; }
 
 std::size_t NetworkServer::bytesKept() const {
   const MutexLock lock(state_->mutex);

@@ -43,6 +43,9 @@ class NetworkServer {
 
   std::uint16_t port() const;
   ExchangeCounters counters() const;
+  // What the system took of what was to be sent.
+  std::uint64_t datagramsSent() const;
+  std::uint64_t bytesSent() const;
   // Requests and answers that are kept, in bytes.
   std::size_t bytesKept() const;
 

@@ -11,12 +11,16 @@
 
 #include "orva_host/controller_network_state.h"
 #include "orva_host/datagram_format.h"
+#include "orva_host/host_metrics.h"
 #include "orva_host/message_assembly.h"
+#include "orva_host/metrics_registry.h"
 #include "orva_host/network_address.h"
 #include "orva_host/network_server.h"
+#include "orva_host/prometheus_text.h"
 #include "orva_host/steady_time.h"
 #include "orva_host/udp_socket.h"
 #include "share/mutex.h"
+#include "support/exposition_parser.h"
 
 // Real sockets on the loopback. What needs no socket is tested in virtual time
 // (network_exchange_test.cpp).
@@ -285,6 +289,51 @@ TEST_F(ControllerNetworkTest, PortInUseIsSaidToBe) {
   NetworkServer second;
   EXPECT_EQ(second.open(cfg), "network: cannot listen on 127.0.0.1 port " +
                                   std::to_string(cfg.basePort) + ": Address already in use");
+}
+
+TEST_F(ControllerNetworkTest, MetricsTellWhatWentOverTheSocketsOfBothSides) {
+  const HttpServer http;
+  HostNetwork network;
+  const HostMetrics metrics(http, network);
+  const auto value = [](const std::string& name) {
+    PrometheusText text;
+    MetricsRegistry::instance().collect(text);
+    return test::Exposition(text.text()).value("orva_host_network_" + name + "_total");
+  };
+  std::map<std::string, double> before;
+  for (const char* name :
+       {"received_datagrams", "sent_datagrams", "received_bytes", "sent_bytes", "requests",
+        "refused_requests", "ignored_datagrams", "repeated_pieces"}) {
+    before[name] = value(name);
+  }
+  const auto grown = [&](const std::string& name) { return value(name) - before.at(name); };
+
+  cfg_.basePort = freePort();
+  cfg_.controllers = {
+      {2, networkAddress(kHost, static_cast<std::uint16_t>(askingPort_ - kAskingPortOffset))}};
+  ASSERT_EQ(network.open(cfg_), "");
+  network.serve();
+  std::string answer;
+  EXPECT_EQ(static_cast<StatusCode>(ask(networkAddress(kHost, cfg_.basePort), "/x\n1\n{}", answer)),
+            status::kBadNotSupported);
+  UdpSocket stranger;
+  ASSERT_EQ(stranger.open(kHost, 0), 0);
+  stranger.send({{networkAddress(kHost, cfg_.basePort), "anything"}});
+  // The request, asked to prove itself and sent again, the answer, the word that it is there; and
+  // the stranger's.
+  const std::int64_t end = steadyMs() + 20'000;
+  const auto allArrived = [&] {
+    return grown("received_datagrams") >= 6 && grown("sent_datagrams") >= 5;
+  };
+  while (!allArrived() && steadyMs() < end) std::this_thread::yield();
+  EXPECT_EQ(grown("received_datagrams"), 6);
+  EXPECT_EQ(grown("sent_datagrams"), 5);
+  EXPECT_EQ(grown("received_bytes"), grown("sent_bytes") + 8);
+  EXPECT_EQ(grown("sent_bytes"), 5 * kHeaderBytes + 2 * 7 + kStatusBytes);
+  EXPECT_EQ(grown("requests"), 1);
+  EXPECT_EQ(grown("refused_requests"), 0);
+  EXPECT_EQ(grown("ignored_datagrams"), 1);
+  EXPECT_EQ(grown("repeated_pieces"), 0);
 }
 
 // Stands between the asking and the answering side, and does to datagrams what networks do.

@@ -172,7 +172,8 @@ TEST(MetricsRouteTest, ServesTheTextWithItsContentType) {
 
 TEST(HostMetricsTest, TellsOfTheProcess) {
   const host::HttpServer http;
-  const host::HostMetrics metrics(http);
+  const host::HostNetwork network;
+  const host::HostMetrics metrics(http, network);
   const Exposition text(scrape());
   EXPECT_EQ(text.error(), "");
   EXPECT_EQ(text.value("orva_host_build_info", {{"version", ORVA_VERSION}}), 1);
