@@ -156,6 +156,13 @@ void* allocateOrThrow(std::size_t size) {
 
 void* operator new(std::size_t size) { return orva::allocateOrThrow(size); }
 void* operator new[](std::size_t size) { return orva::allocateOrThrow(size); }
+// Without these, memory of the sanitizer's own would come to free().
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return std::malloc(size == 0 ? 1 : size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return std::malloc(size == 0 ? 1 : size);
+}
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
