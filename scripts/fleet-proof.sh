@@ -8,7 +8,7 @@ usage: scripts/fleet-proof.sh [--minutes N] [--case NAME]... [--bin FOLDER]
 
 Starts two hosts that write and one that pulls, disturbs them, and compares the histories each time.
 Needs root. What it makes is inside namespaces of its own, and gone when it ends.
-  --minutes N   spread the cases over N minutes, a sample a second (default: about two minutes)
+  --minutes N   spread the cases over N minutes, a sample a second (default: two to three minutes)
   --case NAME   only this case: undisturbed, loss, relay, source-stopped, puller-stopped,
                 store-lost, store-lost-clock-behind, source-clock, puller-clock
   --bin FOLDER  take orva_host from there (default: installs what is missing, builds the release preset)
