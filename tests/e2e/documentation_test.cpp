@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -83,16 +84,46 @@ class JsonMethodsPageTest : public ::testing::Test {
 };
 
 TEST_F(JsonMethodsPageTest, EachRequestHasTheReplyThatStandsBelowIt) {
-  const std::vector<Fence> fences = fencesOf("docs/json-methods.md");
-  int examples = 0;
-  for (std::size_t i = 0; i + 1 < fences.size(); ++i) {
-    if (fences[i].info.find("json request ") != 0) continue;
-    SCOPED_TRACE(fences[i].info + fences[i].text);
-    ASSERT_EQ(fences[i + 1].info, "json reply");
-    expectSameJson(run(fences[i]), fences[i + 1].text);
-    ++examples;
+  for (const auto& [page, atLeast] :
+       {std::pair("docs/json-methods.md", 7), std::pair("docs/grafana.md", 1)}) {
+    const std::vector<Fence> fences = fencesOf(page);
+    int examples = 0;
+    for (std::size_t i = 0; i + 1 < fences.size(); ++i) {
+      if (fences[i].info.find("json request ") != 0) continue;
+      SCOPED_TRACE(fences[i].info + fences[i].text);
+      ASSERT_EQ(fences[i + 1].info, "json reply");
+      expectSameJson(run(fences[i]), fences[i + 1].text);
+      ++examples;
+    }
+    EXPECT_GE(examples, atLeast) << page;
   }
-  EXPECT_GE(examples, 7);
+}
+
+json::Document jsonFile(const std::string& name) {
+  json::Document document;
+  document.Parse(readFile(std::string(ORVA_SOURCE_DIR) + "/" + name));
+  EXPECT_FALSE(document.HasParseError()) << name;
+  return document;
+}
+
+TEST(DashboardExampleTest, ItAsksForVariablesOfTheExamplePlant) {
+  const json::Document plant = jsonFile("examples/plant.json");
+  const json::Document dashboard = jsonFile("examples/grafana/dashboard.json");
+  std::set<std::string> paths;
+  for (const json::Value& each : plant["variables"].GetArray()) {
+    paths.insert(each["path"].GetString());
+  }
+  int asked = 0;
+  for (const json::Value& panel : dashboard["panels"].GetArray()) {
+    for (const json::Value& target : panel["targets"].GetArray()) {
+      EXPECT_STREQ(target["url"].GetString(), "${host}/api/history");
+      const json::Value& item = target["url_options"]["params"][0];
+      EXPECT_STREQ(item["key"].GetString(), "item");
+      EXPECT_EQ(paths.count(item["value"].GetString()), 1U) << item["value"].GetString();
+      ++asked;
+    }
+  }
+  EXPECT_GE(asked, 4);
 }
 
 // What is typed in a session stands behind "> ", all else is what the client prints.

@@ -11,6 +11,7 @@ import { axisText, valueRange } from './value_scale.js';
 const FONT = '12px system-ui, sans-serif';
 const MOST_AXES = 3;
 const MARK_ROOM = 4; // pixels of the plot for each mark, on average
+const MARK_STEP = 11; // pixels between marks
 
 export class Chart {
   // handlers: { select(from, to), zoom(factor, time), pan(part), settle(), cursor(time or null), back() }
@@ -71,7 +72,7 @@ export class Chart {
   reserved() {
     const lanes = this.lanes().length * LANE_HEIGHT;
     const strips = this.strips().length * STRIP_HEIGHT;
-    return lanes + strips + (lanes + strips > 0 ? 8 : 0);
+    return lanes + strips + (lanes + strips > 0 ? 13 : 0);
   }
 
   build(shape = this.shapeText()) {
@@ -259,8 +260,11 @@ export class Chart {
     ctx.rect(left, plot.bbox.top, width, plot.bbox.height);
     ctx.clip();
     ctx.lineWidth = 1.5 * ratio;
+    let last = -Infinity;
     for (const [time, value, kind] of seen) {
       const x = frame.toX(time);
+      if (x - last < MARK_STEP * ratio) continue;
+      last = x;
       const y = plot.valToPos(Math.min(Math.max(value, low), high), `y${i}`, true);
       const r = 3 * ratio;
       ctx.strokeStyle = color(kind === 'bad' ? '--bad' : '--uncertain');
