@@ -70,6 +70,8 @@ struct DataArchiveManager::State {
 
   // ---- queue: archive_queue.cpp
   void countDown() EXCLUDES(queueMutex);
+  // Takes one request out, if it is there.
+  void takePending(const SharedRequest& request, Pending& out) EXCLUDES(queueMutex);
   static void releaseWaiters(const Pending& waiters);
 
   // init() and clear() exclude each other; taken before all others.

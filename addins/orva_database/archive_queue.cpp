@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "orva_database/archive_manager_state.h"
 #include "orva_database/counters.h"
 #include "orva_database/guarded.h"
@@ -44,6 +46,15 @@ void DataArchiveManager::State::countDown() {
     }
   }
   for (const SharedRequest& request : timedOut) request->runTimeoutListener();
+}
+
+// No reference is made to other requests: the last one must not die under the mutex.
+void DataArchiveManager::State::takePending(const SharedRequest& request, Pending& out) {
+  MutexLock lock(queueMutex);
+  const auto entry = std::find_if(pending.begin(), pending.end(), [&](const Waiter& waiter) {
+    return !waiter.request.owner_before(request) && !request.owner_before(waiter.request);
+  });
+  if (entry != pending.end()) out.splice(out.end(), pending, entry);
 }
 
 // Requests that no archive will answer any more.

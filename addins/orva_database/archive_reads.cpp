@@ -201,8 +201,11 @@ void DataArchiveManager::addRequest(const SharedRequest& request, int timeoutMs)
     MutexLock lock(state_->queueMutex);
     state_->pending.push_back({timeoutMs, timeoutMs > 0, kept});
   }
-  // A clear() that went by meanwhile has not seen it in the queue.
-  if (state_->clears.load() != clears) State::releaseWaiters({{timeoutMs, false, kept}});
+  if (state_->clears.load() == clears) return;
+  // A clear() that went by meanwhile may not have seen it in the queue.
+  State::Pending unseen;
+  state_->takePending(kept, unseen);
+  State::releaseWaiters(unseen);
 }
 
 void DataArchiveManager::syncRead(const SharedRequest& request) {

@@ -15,6 +15,7 @@
 #include "support/archive_fixture.h"
 #include "support/exposition_parser.h"
 #include "support/history_service.h"
+#include "support/trace_capture.h"
 
 namespace orva::service_metrics_test {
 namespace {
@@ -324,6 +325,22 @@ TEST_F(QueueMetricsTest, RequestsReleasedWhenTheArchivesEndAreTimeouts) {
   manager().addRequest(request, 60'000);
   manager().clear();
   EXPECT_EQ(value("orva_read_timeouts_total"), timeouts + 1);
+}
+
+// Asked of the archives that end, but not in the queue yet when it is emptied.
+TEST_F(QueueMetricsTest, ARequestQueuedAfterItsArchivesHaveEndedIsATimeoutAndNotOpen) {
+  start();
+  const std::int64_t id = makeItem(1);
+  archive().addItem({1, "Plant/Load"});
+  archive().setScript({When::never});
+  archive().onRead([](const archive::SharedInterval&) { manager().clear(); });
+  const double timeouts = value("orva_read_timeouts_total");
+  const auto request = test::requestFor(id);
+  test::TraceCapture traces;
+  manager().addRequest(request, 60'000);
+  EXPECT_EQ(value("orva_read_timeouts_total"), timeouts + 1);
+  EXPECT_EQ(value("orva_open_requests"), 0);
+  EXPECT_EQ(traces.countContaining("Request::timeout"), 1);
 }
 
 }  // namespace
