@@ -30,6 +30,15 @@ struct Counters {
   Count readTimeouts;    // those given up before they were complete
   Count valuesReturned;  // values of items that were read to the end, after trimming
   Count openAsyncReads;  // waiting to be published
+
+  // What the remote archive source gets from other controllers (see RemoteCounts).
+  Count remoteExchanges;
+  Count remoteFailures;  // exchanges without an answer that can be used
+  Count remoteReceived;
+  Count remoteStored;
+  Count remoteRefused;
+  Count remoteRepeated;
+  Count remoteSkipped;
 };
 
 inline Counters counters;

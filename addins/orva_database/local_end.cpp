@@ -24,10 +24,7 @@ std::int32_t firstLayerOf(std::int64_t itemId) {
 
 bool LocalEnd::find(std::int64_t itemId, std::int64_t cacheId) {
   if (state_ == State::known) return true;
-  if (cacheId != cacheId_) {  // of other archives than those that were asked
-    state_ = State::start;
-    cacheId_ = cacheId;
-  }
+  cacheId_ = cacheId;
   const std::int32_t layer = firstLayerOf(itemId);
   if (state_ == State::start) {
     const std::int64_t since = getInt64FileTime() - failedAt_;

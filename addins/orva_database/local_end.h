@@ -9,7 +9,8 @@
 namespace orva::archive {
 
 // Finds where the history of an item ends: its newest time, and the samples of that time. Never
-// waits for an archive: the answer is there, or comes with a later step.
+// waits for an archive: the answer is there, or comes with a later step. Of archives that ended
+// meanwhile it tells nothing; begin with a new one then.
 //
 // For one thread.
 class LocalEnd {

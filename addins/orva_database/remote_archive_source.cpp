@@ -112,15 +112,10 @@ int RemoteArchiveSource::Start() {
   MutexLock lock(mutex_);
   stop_ = false;
   running_ = true;
-  {
-    MutexLock workers(workersMutex_);
-    ++started_;
-  }
   thread_ = std::make_unique<tthread::thread>(&ThreadFunc, this);
-  if (!thread_->joinable()) {  // the system has no more threads
-    MutexLock workers(workersMutex_);
-    --started_;
-  }
+  if (!thread_->joinable()) return 0;  // the system has no more threads
+  MutexLock workers(workersMutex_);
+  ++started_;
   return 0;
 }
 

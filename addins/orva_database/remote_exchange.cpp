@@ -1,6 +1,9 @@
 #include "orva_database/remote_exchange.h"
 
 #include <algorithm>
+#include <map>
+#include <set>
+#include <tuple>
 
 #include "host/host_time.h"
 #include "host/trace.h"
@@ -25,8 +28,10 @@ bool hasPassed(std::int64_t now, std::int64_t since, std::int64_t ticks) {
   return passed < 0 || passed >= ticks;
 }
 
-bool sameItem(const RemoteSourceInfo& a, const RemoteSourceInfo& b) {
-  return a.remotePath == b.remotePath && a.localId == b.localId && a.localPath == b.localPath;
+using ItemIdentity = std::tuple<std::string, std::int64_t, std::string>;
+
+ItemIdentity identityOf(const RemoteSourceInfo& info) {
+  return {info.remotePath, info.localId, info.localPath};
 }
 
 }  // namespace
@@ -40,22 +45,21 @@ RemoteExchange::RemoteExchange(std::int32_t controllerIndex, std::string methodP
 
 void RemoteExchange::configure(const NLAddress& address, const std::list<RemoteSourceInfo>& items) {
   address_ = address;
-  std::vector<Member> before = std::move(members_);
+  std::map<ItemIdentity, Member> before;
+  for (Member& member : members_) before[identityOf(member.item->info())] = std::move(member);
   members_.clear();
   cursor_ = 0;
-  const auto isFor = [](const RemoteSourceInfo& info) {
-    return [&info](const Member& m) { return m.item && sameItem(m.item->info(), info); };
-  };
+  std::set<ItemIdentity> configured;
   for (const RemoteSourceInfo& info : items) {
-    if (std::any_of(members_.begin(), members_.end(), isFor(info))) {
+    if (!configured.insert(identityOf(info)).second) {
       OpcUa_Trace_Imp(kTraceWarning, "Remote item \"%s\" of controller %d is configured twice\n",
                       __FILE__, __LINE__, info.remotePath.c_str(), index_);
       continue;
     }
-    const auto known = std::find_if(before.begin(), before.end(), isFor(info));
+    const auto known = before.find(identityOf(info));
     Member member;
     if (known != before.end()) {
-      member = std::move(*known);
+      member = std::move(known->second);
     } else {
       member.item = std::make_unique<RemoteItem>(info, counts_);
       member.wanted = hadRound_;
@@ -79,7 +83,7 @@ bool RemoteExchange::mayTry(std::int64_t now) const {
 
 bool RemoteExchange::exchange(ControllerLink& link, int limitMs, const std::atomic<bool>& stop) {
   if (address_.port == 0) return false;
-  const std::vector<std::size_t> chosen = chooseItems();
+  const std::vector<std::size_t> chosen = chooseItems(stop);
   if (chosen.empty()) return false;
   const std::vector<RemoteQuestion> questions = questionsFor(chosen);
   NLWait wait;
@@ -87,6 +91,7 @@ bool RemoteExchange::exchange(ControllerLink& link, int limitMs, const std::atom
   wait.stop = &stop;
   std::string text;
   triedAt_ = getInt64FileTime();
+  counters.remoteExchanges.add();
   const int result =
       link.exchange(address_, remoteRequest(methodPath_, ++reqId_, questions), wait, text);
   if (result == 0) {
@@ -101,11 +106,12 @@ bool RemoteExchange::exchange(ControllerLink& link, int limitMs, const std::atom
 
 // The next items that are wanted and can be asked for. The order goes round, so that the first ones
 // do not use up every answer's room.
-std::vector<std::size_t> RemoteExchange::chooseItems() {
+std::vector<std::size_t> RemoteExchange::chooseItems(const std::atomic<bool>& stop) {
   std::vector<std::size_t> chosen;
   std::size_t pathBytes = 0;
   lacksRoom_ = false;
   for (std::size_t i = 0; i < members_.size() && chosen.size() < atOnce_; ++i) {
+    if (stop.load()) return {};
     const std::size_t at = (cursor_ + i) % members_.size();
     Member& member = members_[at];
     if (!member.wanted && !member.item->hasToStore()) continue;
@@ -136,8 +142,11 @@ void RemoteExchange::takeAnswer(const std::vector<std::size_t>& chosen,
   RemoteAnswer answer(std::move(text));
   switch (answer.read(questions)) {
     case RemoteAnswer::Kind::good:
-      takeItems(answer, chosen, questions);
-      succeeded();
+      if (takeItems(answer, chosen, questions)) {
+        succeeded();
+      } else {
+        tooLong(chosen);
+      }
       break;
     case RemoteAnswer::Kind::tooLong:
       tooLong(chosen);
@@ -153,15 +162,22 @@ void RemoteExchange::takeAnswer(const std::vector<std::size_t>& chosen,
   }
 }
 
-void RemoteExchange::takeItems(const RemoteAnswer& answer, const std::vector<std::size_t>& chosen,
+bool RemoteExchange::takeItems(const RemoteAnswer& answer, const std::vector<std::size_t>& chosen,
                                const std::vector<RemoteQuestion>& questions) {
+  std::vector<std::size_t> hadNoRoom;
   for (std::size_t i = 0; i < chosen.size(); ++i) {
     Member& member = members_[chosen[i]];
-    member.wanted = member.item->take(answer.item(i, questions[i]));
-    member.stuckTraced = false;
+    const RemoteItem::Next next = member.item->take(answer.item(i, questions[i]));
+    member.wanted = next != RemoteItem::Next::nothing;
+    if (next == RemoteItem::Next::again) {
+      hadNoRoom.push_back(chosen[i]);
+    } else {
+      member.stuckTraced = false;
+    }
     member.item->prepare();  // what came is stored at once
   }
-  cursor_ = (chosen.back() + 1) % members_.size();
+  cursor_ = (hadNoRoom.empty() ? chosen.back() + 1 : hadNoRoom.front()) % members_.size();
+  return hadNoRoom.size() < chosen.size();
 }
 
 void RemoteExchange::tooLong(const std::vector<std::size_t>& chosen) {
@@ -172,9 +188,11 @@ void RemoteExchange::tooLong(const std::vector<std::size_t>& chosen) {
 // A single item that stays the trouble is left for the next round, so that the others come to their
 // turn.
 void RemoteExchange::askForFewer(const std::vector<std::size_t>& chosen, const char* trouble) {
-  successes_ = 0;
-  atOnce_ = std::max<std::size_t>(chosen.size() / 2, 1);
-  if (chosen.size() != 1) return;
+  if (chosen.size() != 1) {
+    successes_ = 0;
+    atOnce_ = chosen.size() / 2;
+    return;
+  }
   Member& member = members_[chosen.front()];
   member.wanted = false;
   cursor_ = (chosen.front() + 1) % members_.size();
@@ -195,6 +213,7 @@ void RemoteExchange::succeeded() {
 }
 
 void RemoteExchange::failed() {
+  counters.remoteFailures.add();
   // Dead for long: no need to count on.
   failures_ = std::min(failures_ + 1, 1000U);
   if (failures_ == 2) {

@@ -55,11 +55,12 @@ class RemoteExchange {
     bool stuckTraced = false;  // that it stops every answer
   };
 
-  std::vector<std::size_t> chooseItems();
+  std::vector<std::size_t> chooseItems(const std::atomic<bool>& stop);
   std::vector<RemoteQuestion> questionsFor(const std::vector<std::size_t>& chosen);
   void takeAnswer(const std::vector<std::size_t>& chosen,
                   const std::vector<RemoteQuestion>& questions, std::string text);
-  void takeItems(const RemoteAnswer& answer, const std::vector<std::size_t>& chosen,
+  // False when the answer had no room for any of them.
+  bool takeItems(const RemoteAnswer& answer, const std::vector<std::size_t>& chosen,
                  const std::vector<RemoteQuestion>& questions);
   void tooLong(const std::vector<std::size_t>& chosen);
   void askForFewer(const std::vector<std::size_t>& chosen, const char* trouble);

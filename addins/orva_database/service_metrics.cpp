@@ -39,6 +39,21 @@ constexpr Family kOpenRequests{"orva_open_requests", Kind::gauge,
                                "Requests queued until they are fetched or their time is up."};
 constexpr Family kOpenAsync{"orva_open_async_reads", Kind::gauge,
                             "Asynchronous reads that nobody has fetched yet."};
+constexpr Family kRemoteExchanges{"orva_remote_exchanges_total", Kind::counter,
+                                  "Requests for records sent to other controllers."};
+constexpr Family kRemoteFailures{"orva_remote_failed_exchanges_total", Kind::counter,
+                                 "Those that got no answer, or none that can be used."};
+constexpr Family kRemoteReceived{"orva_remote_received_samples_total", Kind::counter,
+                                 "Samples received from other controllers."};
+constexpr Family kRemoteStored{"orva_remote_stored_samples_total", Kind::counter,
+                               "Samples of other controllers that were stored."};
+constexpr Family kRemoteRefused{
+    "orva_remote_refused_samples_total", Kind::counter,
+    "Samples of other controllers that the local write filter refused."};
+constexpr Family kRemoteRepeated{"orva_remote_repeated_samples_total", Kind::counter,
+                                 "Samples of other controllers that were here already."};
+constexpr Family kRemoteSkipped{"orva_remote_unusable_samples_total", Kind::counter,
+                                "Samples of other controllers of a form that cannot be taken."};
 
 const char* ruleName(Filter::Rule rule) {
   switch (rule) {
@@ -92,6 +107,16 @@ void collectCounters(metrics::Sink& sink) {
   sink.add(kOpenAsync, counters.openAsyncReads.value());
 }
 
+void collectRemote(metrics::Sink& sink) {
+  sink.add(kRemoteExchanges, counters.remoteExchanges.value());
+  sink.add(kRemoteFailures, counters.remoteFailures.value());
+  sink.add(kRemoteReceived, counters.remoteReceived.value());
+  sink.add(kRemoteStored, counters.remoteStored.value());
+  sink.add(kRemoteRefused, counters.remoteRefused.value());
+  sink.add(kRemoteRepeated, counters.remoteRepeated.value());
+  sink.add(kRemoteSkipped, counters.remoteSkipped.value());
+}
+
 }  // namespace
 
 void archive::DataArchiveManager::collectMetrics(metrics::Sink& sink) const {
@@ -111,6 +136,7 @@ void registerServiceMetrics() {
     manager.collectMetrics(sink);
     collectStorage(sink);
     collectCounters(sink);
+    collectRemote(sink);
   });
 }
 

@@ -1,9 +1,14 @@
 #include "orva_database/remote_archive_source.h"
 
 #include <algorithm>
+#include <map>
 #include <random>
 #include <set>
 
+#include "orva_database/service_metrics.h"
+#include "orva_host/metrics_registry.h"
+#include "orva_host/prometheus_text.h"
+#include "support/exposition_parser.h"
 #include "unit/orva_database/remote_fixture.h"
 
 namespace orva::archive {
@@ -290,6 +295,41 @@ TEST_F(RemoteArchiveSourceTest, AnItemWhoseRecordFitsNoAnswerLeavesTheOthersAlon
   EXPECT_EQ(traces.countContaining("has a record that fits no answer"), 1);
 }
 
+TEST_F(RemoteArchiveSourceTest, ItemsThatAnAnswerHasNoRoomForAreAskedForAtOnceAndFirst) {
+  configureItems(10, 30);
+  peer().page = 10;
+  peer().room = 25;
+  pass();
+  EXPECT_EQ(source->counts(1).stored, 300U);
+  EXPECT_EQ(network.exchanges, 12);
+  EXPECT_EQ(peer().requests[1][0].path, "P3");
+}
+
+TEST_F(RemoteArchiveSourceTest, ARecordThatHasRoomInNoAnswerIsLoggedOnceAndHoldsNoOtherItemUp) {
+  configureItems(5, 1);
+  peer().tooLarge = {"P2"};
+  for (int i = 0; i < 20; ++i) nextRound();
+  EXPECT_EQ(source->counts(1).stored, 4U);
+  EXPECT_EQ(traces.countContaining("\"P2\" of controller 1 has a record that fits no answer"), 1);
+  // Each round it is asked for with the others, and then alone.
+  ASSERT_EQ(network.exchanges, 40);
+  EXPECT_EQ(peer().requests[38].size(), 5U);
+  EXPECT_EQ(peer().requests[39].size(), 1U);
+  peer().tooLarge.clear();
+  nextRound();
+  EXPECT_EQ(source->counts(1).stored, 5U);
+}
+
+TEST_F(RemoteArchiveSourceTest, WhenNoItemHasRoomFewerAreAskedForUntilOneIsAlone) {
+  configureItems(8, 1);
+  peer().tooLarge = {"P0", "P1", "P2", "P3", "P4", "P5", "P6", "P7"};
+  for (int i = 0; i < 5; ++i) nextRound();
+  EXPECT_EQ(traces.countContaining("has a record that fits no answer"), 8);
+  peer().tooLarge = {"P0"};
+  nextRound();
+  EXPECT_EQ(source->counts(1).stored, 7U);
+}
+
 TEST_F(RemoteArchiveSourceTest, AtMostAHundredItemsGoIntoOneRequest) {
   Texts items;
   for (int i = 0; i < 250; ++i) {
@@ -315,6 +355,150 @@ TEST_F(RemoteArchiveSourceTest, AnItemThatTheOtherSideDoesNotKnowKeepsItsPoint) 
   peer().add("Load", kStart, 2);
   nextRound();
   EXPECT_EQ(stored().size(), 2U);
+}
+
+// ---- the point that an answer gives
+
+// The answer with another continuation point in place of its own.
+std::string withPoint(const std::string& text, std::int64_t point, bool more) {
+  const std::size_t at = text.find(R"("areMoreValues":)");
+  return text.substr(0, at) + R"("areMoreValues":)" + (more ? "true" : "false") +
+         R"(,"continuationPoint":)" + std::to_string(point) + text.substr(text.find('}', at));
+}
+
+TEST_F(RemoteArchiveSourceTest, APointThatNoSampleAccountsForIsNotBelieved) {
+  for (const std::int64_t point :
+       {kStart + 1000 * kSecond, kStart + 2 * kSecond + kMs + 1, INT64_MAX, INT64_MIN}) {
+    for (const bool hasSamples : {true, false}) {
+      SCOPED_TRACE(std::to_string(point) + (hasSamples ? " with samples" : ""));
+      configureLoad();
+      auto& history = peer().history["Load"];
+      history.clear();
+      if (!hasSamples) nextRound();
+      peer().spoil = [point](const std::string& text) { return withPoint(text, point, false); };
+      if (hasSamples) peer().add("Load", kStart, 3);
+      nextRound();
+      peer().spoil = nullptr;
+      if (!hasSamples) peer().add("Load", kStart, 3);
+      peer().add("Load", kStart + 3 * kSecond, 3);
+      nextRound();
+      nextRound();
+      EXPECT_EQ(stored().size(), 6U);
+      EXPECT_EQ(peer().requests.back()[0].point, kStart + 5 * kSecond + 1);
+      manager().clear();
+      source = std::make_unique<RemoteArchiveSource>(link());
+      start();
+    }
+  }
+}
+
+TEST_F(RemoteArchiveSourceTest, APointNeverGoesBack) {
+  configureLoad();
+  peer().add("Load", kStart, 3);
+  pass();
+  peer().spoil = [](const std::string& text) { return withPoint(text, 1, false); };
+  peer().add("Load", kStart + 3 * kSecond, 1);
+  nextRound();
+  nextRound();
+  EXPECT_GE(peer().requests.back()[0].point, kStart + 2 * kSecond + 1);
+  EXPECT_EQ(stored().size(), 4U);
+}
+
+TEST_F(RemoteArchiveSourceTest, APageMayEndWhereTheNextSampleIs) {
+  configureLoad();
+  peer().page = 3;
+  peer().add("Load", kStart, 6, 3600 * kSecond);
+  peer().spoil = [this](const std::string& text) {
+    const bool isFirst = peer().requests.size() == 1;
+    return isFirst ? withPoint(text, kStart + 3 * 3600 * kSecond, true) : text;
+  };
+  pass();
+  EXPECT_EQ(peer().requests[1][0].point, kStart + 3 * 3600 * kSecond);
+  EXPECT_EQ(stored().size(), 6U);
+}
+
+TEST_F(RemoteArchiveSourceTest, AnAnnouncedSampleThatIsNotThereIsLookedForBehindTheLastOne) {
+  configureLoad();
+  peer().history["Load"] = {{kStart + 1, "1.0", 0}, {kStart + 2, "2.0", 0}};
+  peer().spoil = [](const std::string& text) {
+    return withPoint(text, kStart + 1'000'000 * kSecond, true);
+  };
+  pass();
+  peer().spoil = nullptr;
+  nextRound();
+  EXPECT_EQ(peer().requests.back()[0].point, kStart + 1'000'000 * kSecond);
+  // Of the millisecond that it goes back to nothing is stored twice.
+  peer().history["Load"].push_back({kStart + 3, "2.0", 0});
+  peer().history["Load"].push_back({kStart + kSecond, "3.0", 0});
+  nextRound();
+  EXPECT_EQ(storedValues(), (Texts{"1", "2", "2", "3"}));
+}
+
+TEST_F(RemoteArchiveSourceTest, SamplesThatCannotBeTakenAccountForAPointToo) {
+  configureLoad();
+  peer().history["Load"] = {{kStart, "[1]", 0}};
+  pass();
+  nextRound();
+  EXPECT_EQ(peer().requests.back()[0].point, kStart + 1);
+  EXPECT_EQ(source->counts(1).skipped, 1U);
+}
+
+TEST_F(RemoteArchiveSourceTest, EqualSamplesOfOneMillisecondAreTwoThoughNothingCameBetween) {
+  configureLoad();
+  peer().history["Load"] = {{kStart + 1, "1.0", 0}};
+  pass();
+  nextRound();
+  peer().history["Load"].push_back({kStart + 5, "1.0", 0});
+  nextRound();
+  EXPECT_EQ(storedValues(), (Texts{"1", "1"}));
+}
+
+TEST_F(RemoteArchiveSourceTest, APageThatComesAgainAndAgainEndsThePassAndIsStoredOnce) {
+  configureLoad();
+  peer().add("Load", kStart, 3);
+  peer().spoil = [](const std::string& text) { return withPoint(text, 1, true); };
+  for (int i = 0; i < 5; ++i) nextRound();
+  EXPECT_EQ(network.exchanges, 5);
+  EXPECT_EQ(stored().size(), 3U);
+}
+
+// ---- metrics
+
+TEST_F(RemoteArchiveSourceTest, MetricsTellWhatBecameOfTheSamples) {
+  registerServiceMetrics();
+  const auto value = [](const std::string& name) {
+    host::PrometheusText text;
+    host::MetricsRegistry::instance().collect(text);
+    return test::Exposition(text.text()).value("orva_remote_" + name + "_total");
+  };
+  std::map<std::string, double> before;
+  for (const char* name : {"exchanges", "failed_exchanges", "received_samples", "stored_samples",
+                           "refused_samples", "repeated_samples", "unusable_samples"}) {
+    before[name] = value(name);
+  }
+  const auto grown = [&](const std::string& name) { return value(name) - before.at(name); };
+  configureLoad();
+  manager().createPinCache(kLoad);
+  archive().add(kLoad, 0, test::realPin(kStart, 7));
+  // Here already, older than that after all, fine, and of no form.
+  peer().history["Load"] = {{kStart + 1, "7.0", 0},
+                            {kStart + kSecond, "1.0", 0},
+                            {kStart + 2 * kSecond, "[]", 0},
+                            {kStart + 3 * kSecond, "2.0", 0}};
+  peer().spoil = [](std::string text) {
+    const std::size_t at = text.find("],\"areMore");
+    return at == std::string::npos ? text : text.insert(at, ",[1000,1.0,0]");
+  };
+  pass();
+  network.lose = [](std::int32_t) { return kNLTimedOut; };
+  nextRound();
+  EXPECT_EQ(grown("exchanges"), 2);
+  EXPECT_EQ(grown("failed_exchanges"), 1);
+  EXPECT_EQ(grown("received_samples"), 5);
+  EXPECT_EQ(grown("stored_samples"), 2);
+  EXPECT_EQ(grown("refused_samples"), 1);
+  EXPECT_EQ(grown("repeated_samples"), 1);
+  EXPECT_EQ(grown("unusable_samples"), 1);
 }
 
 // ---- several controllers
@@ -494,6 +678,20 @@ TEST_F(RemoteArchiveSourceTest, ASilentLocalArchiveHoldsNoOtherItemUp) {
   nextRound();
   EXPECT_EQ(storedTimes(),
             (std::vector<std::int64_t>{kStart, kStart + kSecond, kStart + 2 * kSecond}));
+}
+
+TEST_F(RemoteArchiveSourceTest, WhatAnArchiveSaysThatEndsIsNotTakenForItsHistory) {
+  configureLoad();
+  manager().createPinCache(kLoad);
+  archive().add(kLoad, 0, test::realPin(kStart, 5));
+  archive().scriptNext({test::When::held});  // finalised empty when the archive stops
+  pass();
+  manager().clear();
+  start();
+  factory.last().add(kLoad, 0, test::realPin(kStart, 5));
+  nextRound();
+  nextRound();
+  EXPECT_EQ(peer().requests.at(0)[0].point, kStart + 1);
 }
 
 TEST_F(RemoteArchiveSourceTest, AFailedLocalReadIsRepeatedBeforeAnythingIsAsked) {

@@ -34,7 +34,7 @@ void FakePeer::add(const std::string& path, std::int64_t first, int count, std::
   }
 }
 
-std::string FakePeer::answerItem(const Asked& asked) const {
+std::string FakePeer::answerItem(const Asked& asked, std::size_t& left) const {
   std::string text = R"({"randID":)" + std::to_string(asked.randId);
   const auto known = history.find(asked.path);
   if (known == history.end()) text += R"(,"statusCode":-2143420416)";
@@ -42,10 +42,11 @@ std::string FakePeer::answerItem(const Asked& asked) const {
   std::int64_t next = asked.point;
   bool more = false;
   if (known != history.end()) {
+    const std::size_t most = tooLarge.count(asked.path) != 0 ? 0 : std::min(page, left);
     std::size_t given = 0;
     for (const RemoteRecord& record : known->second) {
       if (record.time < asked.point) continue;
-      if (given == page) {
+      if (given == most) {
         more = true;
         break;
       }
@@ -54,6 +55,7 @@ std::string FakePeer::answerItem(const Asked& asked) const {
               "," + record.value + "," + std::to_string(record.quality) + "]";
       next = record.time + 1;
     }
+    left -= given;
   }
   return text + R"(],"areMoreValues":)" + (more ? "true" : "false") + R"(,"continuationPoint":)" +
          std::to_string(next) + "}";
@@ -68,12 +70,13 @@ std::string FakePeer::answer(const std::string& request) {
   const json::Value& items = document["items"];
   if (items.Size() > mostItems) return R"({"code":2148007936})";
   std::string text = R"({"items":[)";
+  std::size_t left = room;
   for (const json::Value& item : items.GetArray()) {
     const Asked asked{item["path"].GetString(), item["continuationPoint"].GetInt64(),
                       item["randID"].GetInt64()};
     requests.back().push_back(asked);
     if (requests.back().size() != 1) text += ',';
-    text += answerItem(asked);
+    text += answerItem(asked, left);
   }
   text += R"(],"code":0})";
   return spoil ? spoil(text) : text;

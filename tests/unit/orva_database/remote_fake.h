@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,8 @@ struct FakePeer {
   std::map<std::string, std::vector<RemoteRecord>> history;  // by path, ascending
   std::size_t page = 1000;                                   // records of an item in one answer
   std::size_t mostItems = 1'000'000;                         // more of them are answered 0x80080000
+  std::size_t room = 1'000'000;       // records in one answer; the first items use it up
+  std::set<std::string> tooLarge;     // paths whose next record has room in no answer
   std::atomic<bool> isSilent{false};  // exchanges last until their limit or their stop
   // Changes an answer's text on its way.
   std::function<std::string(const std::string&)> spoil;
@@ -44,7 +47,7 @@ struct FakePeer {
   std::string answer(const std::string& request);
 
  private:
-  std::string answerItem(const Asked& asked) const;
+  std::string answerItem(const Asked& asked, std::size_t& left) const;
 };
 
 // The controllers of an installation, by index.

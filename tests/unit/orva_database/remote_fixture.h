@@ -60,6 +60,17 @@ class RemoteArchiveSourceTest : public test::ArchiveFixture {
     localItem(7, "Here/Load");
     init(sectionText({itemText(1, 7, "Load")}));
   }
+  // The items P0, P1 ... of controller 1, with so many records each, archived here as well.
+  void configureItems(int count, int records) {
+    Texts items;
+    for (int i = 0; i < count; ++i) {
+      const std::string path = "P" + std::to_string(i);
+      localItem(100 + i, "Here/" + path);
+      items.push_back(itemText(1, 100 + i, path));
+      network.peer(1).add(path, kStart, records);
+    }
+    init(sectionText(items));
+  }
   static void localItem(std::int64_t id, const std::string& path,
                         OpcUa_Byte type = OpcUaType_Double) {
     vm::Item item;

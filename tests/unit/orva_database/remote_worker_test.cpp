@@ -85,6 +85,17 @@ TEST_F(RemoteWorkerTest, StopEndsAnExchangeWithADeadPeerAtOnce) {
   EXPECT_EQ(network.inExchange, 0);
 }
 
+TEST_F(RemoteWorkerTest, StopDoesNotWaitForASilentLocalArchive) {
+  manager().createPinCache(kLoad);
+  archive().add(kLoad, 0, test::realPin(kStart, 5));
+  archive().scriptNext({test::When::held});
+  source->Start();
+  ASSERT_TRUE(archive().waitForHeld(1));
+  EXPECT_LT(timeToStop(), std::chrono::milliseconds(5'000));
+  EXPECT_EQ(archive().heldCount(), 1U);
+  archive().releaseAll();
+}
+
 TEST_F(RemoteWorkerTest, InitDoesNotWaitForAnExchange) {
   peer().isSilent = true;
   source->Start();
