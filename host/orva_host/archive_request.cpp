@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <tuple>
 
-// The thread sanitizer does not know sem_clockwait().
 #if defined(__SANITIZE_THREAD__)
 #define ORVA_THREAD_SANITIZER 1
 #elif defined(__has_feature)
@@ -13,23 +13,33 @@
 #define ORVA_THREAD_SANITIZER 1
 #endif
 #endif
-#ifdef ORVA_THREAD_SANITIZER
-#include <sanitizer/tsan_interface.h>
-#endif
 
 namespace {
 
-// The monotonic clock, where the library can wait by it: steps of the machine's clock neither
-// lengthen nor shorten a wait then.
-#if __GLIBC_PREREQ(2, 30)
+#if defined(ORVA_THREAD_SANITIZER)
+constexpr clockid_t kWaitClock = CLOCK_REALTIME;
+
+// The thread sanitizer does not know sem_clockwait(), and delivers no signal during a limited wait:
+// it waits a little at a time.
+int waitOnce(sem_t* semaphore, const timespec& end) {
+  timespec slice{};
+  clock_gettime(kWaitClock, &slice);
+  slice.tv_nsec += 10'000'000L;
+  if (slice.tv_nsec >= 1'000'000'000L) {
+    ++slice.tv_sec;
+    slice.tv_nsec -= 1'000'000'000L;
+  }
+  const bool last = std::tie(end.tv_sec, end.tv_nsec) <= std::tie(slice.tv_sec, slice.tv_nsec);
+  const int result = sem_timedwait(semaphore, last ? &end : &slice);
+  if (result != 0 && errno == ETIMEDOUT && !last) errno = EINTR;
+  return result;
+}
+#elif __GLIBC_PREREQ(2, 30)
+// Steps of the machine's clock neither lengthen nor shorten a wait.
 constexpr clockid_t kWaitClock = CLOCK_MONOTONIC;
 
 int waitOnce(sem_t* semaphore, const timespec& end) {
-  const int result = sem_clockwait(semaphore, kWaitClock, &end);
-#ifdef ORVA_THREAD_SANITIZER
-  if (result == 0) __tsan_acquire(semaphore);
-#endif
-  return result;
+  return sem_clockwait(semaphore, kWaitClock, &end);
 }
 #else
 constexpr clockid_t kWaitClock = CLOCK_REALTIME;
