@@ -473,25 +473,25 @@ class Attacker {
       good_.push_back(requestOf(patternOf(30'000 * i + 1, 3), proof_));
   }
   void send() {
-    std::string bytes = good_[random_() % good_.size()];
-    switch (random_() % 6) {
+    std::string bytes = good_[pick(good_.size())];
+    switch (pick(6)) {
       case 0:  // anything
-        bytes.resize(random_() % 1500);
+        bytes.resize(pick(1500));
         for (char& c : bytes) c = static_cast<char>(random_());
         break;
       case 1:  // cut
-        bytes.resize(random_() % (bytes.size() + 1));
+        bytes.resize(pick(bytes.size() + 1));
         break;
       case 2:  // changed
-        for (int i = 0; i < 3; ++i) bytes[random_() % bytes.size()] = static_cast<char>(random_());
+        for (int i = 0; i < 3; ++i) bytes[pick(bytes.size())] = static_cast<char>(random_());
         break;
       case 3:  // the header changed by one who knows the format
-        for (int i = 0; i < 2; ++i) bytes[4 + random_() % 36] = static_cast<char>(random_());
+        for (int i = 0; i < 2; ++i) bytes[4 + pick(36)] = static_cast<char>(random_());
         seal(bytes);
         break;
       case 4:  // a new exchange, piece or kind
         for (int i = 0; i < 8; ++i) bytes[8 + i] = static_cast<char>(random_());
-        if (random_() % 2 == 0) bytes[5] = static_cast<char>(random_() % 22);
+        if (random_() % 2 == 0) bytes[5] = static_cast<char>(pick(22));
         seal(bytes);
         break;
       default:  // replayed
@@ -525,6 +525,7 @@ class Attacker {
     message.putPiece(0, datagram);
     return encodeDatagram(datagram);
   }
+  std::size_t pick(std::size_t count) { return static_cast<std::size_t>(random_() % count); }
   static void seal(std::string& bytes) {
     bytes.replace(40, 4, std::string(4, '\0'));
     const std::uint32_t sum = networkChecksum(bytes);
