@@ -469,8 +469,9 @@ class Attacker {
     Datagram challenge;
     ASSERT_TRUE(length > 0 && decodeDatagram(bytes, static_cast<std::size_t>(length), challenge));
     proof_ = challenge.proof;
-    for (std::uint64_t i = 0; i < 8; ++i)
+    for (std::size_t i = 0; i < 8; ++i) {
       good_.push_back(requestOf(patternOf(30'000 * i + 1, 3), proof_));
+    }
   }
   void send() {
     std::string bytes = good_[pick(good_.size())];

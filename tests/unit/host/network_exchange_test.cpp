@@ -574,7 +574,7 @@ TEST(AnsweringSideLimitsTest, BytesOfAllExchangesAreBounded) {
   NetworkWorld world(1, limits);
   const std::uint64_t proof = proofFor(world, NetworkWorld::asker());
   world.handler = [](const std::string&) { return patternOf(60'000); };
-  for (std::uint64_t id = 1; id <= 500; ++id) {
+  for (std::uint32_t id = 1; id <= 500; ++id) {
     const std::size_t bytes = id * 7919 % 90'000 + 1;
     world.receive(NetworkWorld::asker(), requestDatagram(id, proof, patternOf(bytes)));
     ASSERT_LE(world.answering().bytesKept(), limits.bytes);
