@@ -1,6 +1,7 @@
 #include "orva_host/client_exchange.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "orva_host/network_address.h"
 #include "share/status_codes.h"
@@ -10,6 +11,8 @@ namespace {
 
 // So often may the other side say that it does not know the exchange, or want another proof.
 constexpr int kMostRestarts = 8;
+// Once the last piece of a burst is here, the others come within this time or were lost.
+constexpr int kOvertakenMs = 10;
 
 std::uint32_t statusAt(const std::string& answer) {
   std::uint32_t code = 0;
@@ -66,8 +69,9 @@ bool ClientExchange::receive(const NLAddress& from, const char* bytes, std::size
 void ClientExchange::tick(std::int64_t nowMs, OutgoingDatagrams& out) {
   nowMs_ = nowMs;
   if (over_ || nowMs < nextMs()) return;
-  if (nowMs >= endMs_ || ++silent_ > timing_.retries) return end(kNLTimedOut);
-  waitMs_ = std::min(waitMs_ * 2, kMostRetryMs);
+  const bool isSilent = !std::exchange(burstEnded_, false);
+  if (nowMs >= endMs_ || (isSilent && ++silent_ > timing_.retries)) return end(kNLTimedOut);
+  if (isSilent) waitMs_ = std::min(waitMs_ * 2, kMostRetryMs);
   if (answer_) {
     askForAnswer(out);
   } else {
@@ -114,6 +118,7 @@ void ClientExchange::beginAgain(OutgoingDatagrams& out) {
   answer_.reset();
   asked_.reset();
   askedBefore_.reset();
+  burstEnded_ = false;
   toSend_ = request_.all();
   sendRequest(kBurstPieces, out);
 }
@@ -145,6 +150,7 @@ void ClientExchange::sendRequest(int most, OutgoingDatagrams& out) {
 }
 
 void ClientExchange::askForAnswer(OutgoingDatagrams& out) {
+  burstEnded_ = false;
   asked_ = firstPieces(answer_->missing(), kBurstPieces);
   repeatedPieces_ += static_cast<int>((asked_ & askedBefore_).count());
   askedBefore_ |= asked_;
@@ -171,6 +177,9 @@ void ClientExchange::onAnswer(const Datagram& datagram, OutgoingDatagrams& out) 
     finish(out);
   } else if ((asked_ & answer_->missing()).none()) {
     askForAnswer(out);
+  } else if (burstEnded_ || (asked_ >> (datagram.piece + 1U)).none()) {
+    burstEnded_ = true;
+    dueMs_ = std::min(dueMs_, nowMs_ + kOvertakenMs);
   }
 }
 

@@ -74,6 +74,7 @@ class ClientExchange {
   PieceSet sent_;
   PieceSet asked_;  // pieces of the answer that are under way, as far as known
   PieceSet askedBefore_;
+  bool burstEnded_ = false;  // the last of them came, others are missing
   std::optional<MessageAssembly> answer_;
   int repeatedPieces_ = 0;
   bool over_ = false;

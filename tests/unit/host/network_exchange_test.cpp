@@ -141,6 +141,35 @@ TEST(NetworkExchangeTest, OnlyTheMissingPiecesOfAnAnswerAreAskedForAgain) {
   }
 }
 
+TEST(NetworkExchangeTest, WhatIsMissingOfABurstIsAskedForSoonAfterItsEnd) {
+  NetworkWorld world;
+  world.exchange("for the proof");
+  const std::string answer = patternOf(60 * kPieceBytes);
+  world.handler = [&](const std::string&) { return answer; };
+  std::map<int, int> timesSent;
+  world.passes = [&](const Datagram& datagram) {
+    return datagram.kind != DatagramKind::kAnswer || datagram.piece % 10 != 3 ||
+           ++timesSent[datagram.piece] > 1;
+  };
+  const Result result = world.exchange("?");
+  EXPECT_TRUE(result.answer == answer);
+  EXPECT_EQ(result.repeatedPieces, 6);
+  EXPECT_EQ(result.tookMs, 3 * 2 + 2 * 10);  // three round trips, and the wait after two bursts
+}
+
+TEST(NetworkExchangeTest, PiecesThatAreOvertakenAreNotAskedForAgain) {
+  NetworkWorld world(3);
+  const std::string answer = patternOf(190 * kPieceBytes);
+  world.handler = [&](const std::string&) { return answer; };
+  world.faults.leastDelayMs = 20;
+  world.faults.mostDelayMs = 29;
+  for (int i = 0; i < 20; ++i) {
+    const Result result = world.exchange("?");
+    EXPECT_TRUE(result.answer == answer);
+    EXPECT_EQ(result.repeatedPieces, 0);
+  }
+}
+
 TEST(NetworkExchangeTest, OnlyTheMissingPiecesOfARequestAreSentAgain) {
   NetworkWorld world;
   world.exchange("for a proof");
