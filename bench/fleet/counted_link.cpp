@@ -1,27 +1,9 @@
 #include "bench/fleet/counted_link.h"
 
-#include <time.h>
-
-#include <chrono>
-
+#include "bench/fleet/clocks.h"
 #include "orva_host/network_config.h"
 
 namespace orva::bench {
-namespace {
-
-std::int64_t steadyNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-std::int64_t threadCpuNs() {
-  timespec used{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
-  return std::int64_t{used.tv_sec} * 1'000'000'000 + used.tv_nsec;
-}
-
-}  // namespace
 
 CountedLink::CountedLink(int basePort)
     : socket_(NLTryOpenUDPSocket((basePort + host::kAskingPortOffset) % (UINT16_MAX + 1),
@@ -41,12 +23,17 @@ int CountedLink::exchange(const NLAddress& to, const std::string& request, const
                           std::string& answer) {
   const std::int64_t begun = steadyNs();
   const std::int64_t cpu = threadCpuNs();
+  {
+    const MutexLock lock(mutex_);
+    runsSinceNs_ = begun;
+  }
   const int result =
       NLSendReceive(socket_, &to, request.data(), static_cast<int>(request.size()), &answer, &wait);
   const MutexLock lock(mutex_);
   ++figures_.exchanges;
   figures_.failed += result != 0 ? 1 : 0;
   figures_.exchangeNs += steadyNs() - begun;
+  runsSinceNs_ = 0;
   figures_.threadCpuNs = threadCpuNs();
   figures_.exchangeCpuNs += figures_.threadCpuNs - cpu;
   return result;
@@ -57,6 +44,7 @@ LinkFigures CountedLink::figures() const {
   {
     const MutexLock lock(mutex_);
     figures = figures_;
+    if (runsSinceNs_ != 0) figures.exchangeNs += steadyNs() - runsSinceNs_;
   }
   if (socket_ != nullptr) figures.socket = host::socketCounters(socket_);
   return figures;

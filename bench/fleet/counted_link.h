@@ -12,7 +12,7 @@ namespace orva::bench {
 struct LinkFigures {
   std::uint64_t exchanges = 0;
   std::uint64_t failed = 0;
-  std::int64_t exchangeNs = 0;     // time inside them
+  std::int64_t exchangeNs = 0;     // time inside them, the one that runs included
   std::int64_t exchangeCpuNs = 0;  // of that, what its thread used of the processor
   std::int64_t threadCpuNs = 0;    // all that the thread used by the end of the last one
   host::SocketCounters socket;
@@ -38,6 +38,7 @@ class CountedLink final : public archive::ControllerLink {
   NLSocket* const socket_;
   mutable Mutex mutex_;  // leaf
   LinkFigures figures_ GUARDED_BY(mutex_);
+  std::int64_t runsSinceNs_ GUARDED_BY(mutex_) = 0;  // 0: no exchange
 };
 
 }  // namespace orva::bench

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <map>
 
 namespace orva::bench {
 namespace {
@@ -15,6 +16,8 @@ std::optional<int> readFleetOptions(int count, const char* const* arguments, Fle
       "orva_fleet");
   double lossPercent = 0;
   std::string archive = "sqlite";
+  const std::map<std::string, Spoil> spoils = {
+      {"missing", Spoil::kMissing}, {"twice", Spoil::kTwice}, {"changed", Spoil::kChanged}};
   app.add_option("--controllers", out.controllers, "how many, a run for each: 1,10,50")
       ->delimiter(',')
       ->check(CLI::Range(1U, kMostControllers))
@@ -38,6 +41,13 @@ std::optional<int> readFleetOptions(int count, const char* const* arguments, Fle
   app.add_option("--delay", out.delayMs, "added to each round trip, in milliseconds")
       ->check(CLI::Range(0U, 10'000U))
       ->type_name("N");
+  app.add_option("--silent", out.silent, "so many of the controllers never answer")
+      ->check(CLI::Range(0U, kMostControllers))
+      ->type_name("N");
+  app.add_option("--spoil", out.spoil,
+                 "one record is missing, twice or changed in the replies: the run has to fail")
+      ->transform(CLI::CheckedTransformer(spoils))
+      ->type_name("missing|twice|changed");
   app.add_option("--archive", archive, "sqlite, or memory: counts and keeps nothing")
       ->check(CLI::IsMember({"sqlite", "memory"}));
   app.add_option("--write-buffer", out.writeBuffer, "the archive's \"writeBufferSize\"")

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "bench/fleet/plant_methods.h"
+
 namespace orva::bench {
 
 // What a run of the fleet simulation is asked for.
@@ -16,6 +18,8 @@ struct FleetOptions {
   std::uint32_t outageSeconds = 0;
   double loss = 0;  // of datagrams, in each direction: 0 to 1
   std::uint32_t delayMs = 0;
+  std::uint32_t silent = 0;  // controllers that never answer
+  Spoil spoil = Spoil::kNothing;
   bool inMemory = false;
   std::uint32_t writeBuffer = 0;    // samples; 0: the archive's default
   std::uint32_t writePeriodMs = 0;  // 0: the archive's default

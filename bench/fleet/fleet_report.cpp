@@ -8,7 +8,10 @@
 namespace orva::bench {
 namespace {
 
-double count(std::uint64_t figure) { return static_cast<double>(figure); }
+template <class Integer>
+double count(Integer figure) {
+  return static_cast<double>(figure);
+}
 
 double bytesPerRecord(const PhaseFigures& phase) {
   return phase.perRecord(count(phase.traffic.bytes));
@@ -38,6 +41,7 @@ void writePhase(Writer& writer, const char* name, const PhaseFigures& phase) {
   write(writer, "busySeconds", phase.busySeconds());
   write(writer, "exchangeSeconds", phase.exchangeSeconds());
   write(writer, "cpuSeconds", phase.cpuSeconds());
+  write(writer, "pullerCpuSeconds", phase.pullerCpuSeconds());
   write(writer, "exchangeCpuSeconds", count(phase.link.exchangeCpuNs) * 1e-9);
   write(writer, "ageMeanMs", phase.ageMeanMs);
   write(writer, "ageMostMs", phase.ageMostMs);
@@ -60,15 +64,14 @@ void writeRun(Writer& writer, const FleetFigures& figures) {
 }  // namespace
 
 void printHead(const FleetOptions& options) {
-  std::printf("%u items of each controller, a record a second; archive: %s; loss %.1f %%, %u ms\n",
+  std::printf("%u items of each controller, a record a second; archive: %s; loss %.1f %%, %u ms",
               options.items, options.inMemory ? "memory" : "sqlite", 100 * options.loss,
               options.delayMs);
-  std::printf(
-      "%11s |%39s |%67s |\n", "", "live                    ",
-      ("after a break of " + std::to_string(options.breakSeconds) + " s              ").c_str());
-  std::printf("%11s |%8s%8s%8s%7s%8s |%9s%9s%9s%9s%8s%8s%8s%7s |\n", "controllers", "rec/s",
-              "age ms", "most", "busy%", "B/rec", "records", "seconds", "durable", "rec/s", "busy%",
-              "us CPU", "wait%", "B/rec");
+  std::printf("; %u silent\n\n%11s | %-43s | after a break of %u s\n", options.silent, "", "live",
+              options.breakSeconds);
+  std::printf("%11s |%8s%8s%8s%7s%7s%7s |%9s%8s%8s%9s%7s%7s%7s%7s%7s%9s\n", "controllers", "rec/s",
+              "age ms", "most", "busy%", "CPU%", "B/rec", "records", "s", "durable", "rec/s",
+              "busy%", "wait%", "us", "all us", "B/rec", "repeated");
   std::fflush(stdout);
 }
 
@@ -76,13 +79,16 @@ void printRun(const FleetFigures& figures) {
   const PhaseFigures& live = figures.live;
   const PhaseFigures& after = figures.catchUp;
   const double waiting = after.exchangeSeconds() - count(after.link.exchangeCpuNs) * 1e-9;
-  std::printf("%11u |%8.0f%8.0f%8.0f%7.1f%8.1f |%9.0f%9.2f%9.2f%9.0f%8.1f%8.2f%8.1f%7.1f | %s\n",
-              figures.controllers, live.perSecond(), live.ageMeanMs, live.ageMostMs,
-              percentOf(live.busySeconds(), live.seconds), bytesPerRecord(live),
-              count(after.records), after.seconds, figures.durableSeconds, after.perSecond(),
-              percentOf(after.busySeconds(), after.seconds),
-              after.perRecord(after.cpuSeconds() * 1e6), percentOf(waiting, after.seconds),
-              bytesPerRecord(after), figures.problem.empty() ? "all arrived, once" : "WRONG");
+  std::printf("%11u |%8.0f%8.0f%8.0f%7.1f%7.1f%7.1f |", figures.controllers, live.perSecond(),
+              live.ageMeanMs, live.ageMostMs, percentOf(live.busySeconds(), live.seconds),
+              percentOf(live.pullerCpuSeconds(), live.seconds), bytesPerRecord(live));
+  std::printf("%9.0f%8.2f%8.2f%9.0f%7.1f%7.1f%7.2f%7.2f%7.1f%9.0f  %s\n", count(after.records),
+              after.seconds, figures.durableSeconds, after.perSecond(),
+              percentOf(after.busySeconds(), after.seconds), percentOf(waiting, after.seconds),
+              after.perRecord(after.cpuSeconds() * 1e6),
+              after.perRecord(after.pullerCpuSeconds() * 1e6), bytesPerRecord(after),
+              count(after.link.socket.repeatedPieces),
+              figures.problem.empty() ? "all arrived, once" : "WRONG");
   if (!figures.problem.empty()) std::printf("%s\n", figures.problem.c_str());
   std::fflush(stdout);
 }
@@ -96,6 +102,7 @@ bool writeJson(const FleetOptions& options, const std::vector<FleetFigures>& run
   write(writer, "outageSeconds", options.outageSeconds);
   write(writer, "loss", options.loss);
   write(writer, "delayMs", options.delayMs);
+  write(writer, "silent", options.silent);
   writer.Key("archive");
   writer.String(options.inMemory ? "memory" : "sqlite");
   writer.Key("runs");

@@ -4,6 +4,7 @@
 #include <functional>
 #include <thread>
 
+#include "bench/fleet/clocks.h"
 #include "bench/fleet/history_check.h"
 #include "orva_host/config_sections.h"
 #include "orva_host/variables.h"
@@ -19,12 +20,6 @@ constexpr auto kLookAgain = std::chrono::milliseconds(2);
 constexpr std::int64_t kStalledNs = 120'000'000'000;
 // After the last record: two rounds, in which records that come twice would come.
 constexpr auto kAfterwards = std::chrono::milliseconds(2500);
-
-std::int64_t steadyNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 double milliseconds(double ticks) { return ticks / kTicksPerMillisecond; }
 
@@ -52,7 +47,7 @@ FleetRun::FleetRun(const FleetOptions& options, std::uint32_t controllers)
       plant_(controllers, options.items, options.breakSeconds),
       arrivals_(plant_),
       factory_(plant_, arrivals_, options.inMemory),
-      network_(plant_, {options.loss, options.delayMs}) {}
+      network_(plant_, {options.loss, options.delayMs, options.silent, options.spoil}) {}
 
 FleetRun::~FleetRun() {
   source_.reset();
@@ -146,7 +141,7 @@ FleetFigures FleetRun::run() {
 
 bool FleetRun::watch(FleetFigures& figures) {
   // The first record of each item is here: everything is found, and every proof exchanged.
-  if (!waitForAll(std::vector<std::uint64_t>(plant_.controllers(), 1))) return false;
+  if (!waitForAll(firstRecords())) return false;
   arrivals_.takeAges();
   Mark begin = mark();
   std::this_thread::sleep_for(std::chrono::seconds(options_.liveSeconds));
@@ -195,12 +190,21 @@ bool FleetRun::waitUntilDurable() {
 
 std::vector<std::uint64_t> FleetRun::countsNow() const {
   std::vector<std::uint64_t> counts;
-  for (std::uint32_t i = 0; i < plant_.controllers(); ++i) counts.push_back(plant_.available(i));
+  for (std::uint32_t i = 0; i < plant_.controllers(); ++i) {
+    counts.push_back(isSilent(i) ? 0 : plant_.available(i));
+  }
+  return counts;
+}
+
+std::vector<std::uint64_t> FleetRun::firstRecords() const {
+  std::vector<std::uint64_t> counts;
+  for (std::uint32_t i = 0; i < plant_.controllers(); ++i) counts.push_back(isSilent(i) ? 0 : 1);
   return counts;
 }
 
 FleetRun::Mark FleetRun::mark() const {
-  return {steadyNs(), arrivals_.total(), network_.traffic(), link_->figures()};
+  return {steadyNs(), arrivals_.total(), network_.traffic(), link_->figures(),
+          processCpuNs() - network_.cpuNs()};
 }
 
 PhaseFigures FleetRun::since(const Mark& from) {
@@ -211,6 +215,7 @@ PhaseFigures FleetRun::since(const Mark& from) {
   phase.records = to.records - from.records;
   phase.traffic.datagrams = to.traffic.datagrams - from.traffic.datagrams;
   phase.traffic.bytes = to.traffic.bytes - from.traffic.bytes;
+  phase.pullerCpuNs = to.pullerCpuNs - from.pullerCpuNs;
   phase.link.exchanges = to.link.exchanges - from.link.exchanges;
   phase.link.failed = to.link.failed - from.link.failed;
   phase.link.exchangeNs = to.link.exchangeNs - from.link.exchangeNs;
@@ -240,7 +245,8 @@ std::string FleetRun::verify() {
 
 std::string FleetRun::verifyCounts() {
   for (std::uint32_t i = 0; i < plant_.allItems(); ++i) {
-    const std::uint64_t wanted = plant_.available(plant_.controllerOf(i));
+    const std::uint32_t controller = plant_.controllerOf(i);
+    const std::uint64_t wanted = isSilent(controller) ? 0 : plant_.available(controller);
     if (arrivals_.of(i) == wanted) continue;
     return "item " + plant_.localKey(i).second + " has " + std::to_string(arrivals_.of(i)) +
            " records instead of " + std::to_string(wanted);

@@ -20,7 +20,8 @@ struct PhaseFigures {
   double seconds = 0;
   std::uint64_t records = 0;
   Traffic traffic;
-  LinkFigures link;  // in this stretch; its socket's figures too
+  LinkFigures link;              // in this stretch; its socket's figures too
+  std::int64_t pullerCpuNs = 0;  // of all threads but the simulated controllers'
   double ageMeanMs = 0;
   double ageMostMs = 0;
 
@@ -33,6 +34,7 @@ struct PhaseFigures {
     return static_cast<double>(link.exchangeNs + link.threadCpuNs - link.exchangeCpuNs) * 1e-9;
   }
   double exchangeSeconds() const { return static_cast<double>(link.exchangeNs) * 1e-9; }
+  double pullerCpuSeconds() const { return static_cast<double>(pullerCpuNs) * 1e-9; }
   double cpuSeconds() const { return static_cast<double>(link.threadCpuNs) * 1e-9; }
 };
 
@@ -62,6 +64,7 @@ class FleetRun {
     std::uint64_t records;
     Traffic traffic;
     LinkFigures link;
+    std::int64_t pullerCpuNs;
   };
 
   std::string setUp();
@@ -71,7 +74,11 @@ class FleetRun {
   bool watch(FleetFigures& figures);
   bool waitForAll(const std::vector<std::uint64_t>& counts);
   bool waitUntilDurable();
+  bool isSilent(std::uint32_t controller) const {
+    return controller + options_.silent >= plant_.controllers();
+  }
   std::vector<std::uint64_t> countsNow() const;
+  std::vector<std::uint64_t> firstRecords() const;
   Mark mark() const;
   PhaseFigures since(const Mark& from);
   std::string verify();

@@ -11,6 +11,7 @@ namespace {
 constexpr std::uint64_t kValuesPerRequest = 10'000;
 constexpr long long kSampleBytes = 64;
 constexpr long long kItemEndBytes = 128;
+constexpr std::uint64_t kSpoiledRecord = 3;
 constexpr int kBadNotFound = static_cast<int>(0x803E0000U);
 
 }  // namespace
@@ -69,17 +70,24 @@ PlantMethods::Values PlantMethods::writeValues(std::uint32_t item, std::int64_t 
   const std::uint64_t end =
       cut ? n + std::max<std::uint64_t>(page.limit - 1, 1) : std::max(n, page.available);
   const std::uint32_t number = plant_.number(controller_, item);
-  const PinPtr pin = makePin();
   Values values{from, cut};
   for (; n < end; ++n) {
     if (reply.length() + kSampleBytes > page.end) return {values.next, true};
-    pin->time = plant_.time(controller_, n);
-    pin->value.SetDouble(plant_.value(number, n));
-    WritePinValue(pin, reply);
-    values.next = pin->time + 1;
+    writeRecord(number, n, reply);
+    values.next = plant_.time(controller_, n) + 1;
   }
   if (cut && page.limit > 1) values.next = plant_.time(controller_, n);
   return values;
+}
+
+void PlantMethods::writeRecord(std::uint32_t number, std::uint64_t n, ReplyWriter& reply) const {
+  const bool spoiled = spoil_ != Spoil::kNothing && number == 0 && n == kSpoiledRecord;
+  if (spoiled && spoil_ == Spoil::kMissing) return;
+  OpcUa_VariantHlp value;
+  value.SetDouble(plant_.value(number, n) + (spoiled && spoil_ == Spoil::kChanged ? 0.01 : 0));
+  const PinPtr pin = makePin(plant_.time(controller_, n), std::move(value));
+  WritePinValue(pin, reply);
+  if (spoiled && spoil_ == Spoil::kTwice) WritePinValue(pin, reply);
 }
 
 }  // namespace orva::bench

@@ -9,12 +9,16 @@
 
 namespace orva::bench {
 
+// What is made wrong in the replies, to see that it is noticed: with record 3 of the first item of
+// the first controller.
+enum class Spoil { kNothing, kMissing, kTwice, kChanged };
+
 // ReadNewRecords of a simulated controller: the reply is, to the character, the one that the
 // history service gives of the same records, its pages end where that one's do.
 class PlantMethods : public CRequestProcessor<PlantMethods> {
  public:
-  PlantMethods(const FleetPlant& plant, std::uint32_t controller)
-      : CRequestProcessor("PlantMethods"), plant_(plant), controller_(controller) {}
+  PlantMethods(const FleetPlant& plant, std::uint32_t controller, Spoil spoil = Spoil::kNothing)
+      : CRequestProcessor("PlantMethods"), plant_(plant), controller_(controller), spoil_(spoil) {}
 
   struct Methods {
     static const std::map<std::string, int, std::less<>>& Name();
@@ -35,9 +39,11 @@ class PlantMethods : public CRequestProcessor<PlantMethods> {
   void writeElement(const json::Value& element, const Page& page, ReplyWriter& reply) const;
   Values writeValues(std::uint32_t item, std::int64_t from, const Page& page,
                      ReplyWriter& reply) const;
+  void writeRecord(std::uint32_t number, std::uint64_t n, ReplyWriter& reply) const;
 
   const FleetPlant& plant_;
   const std::uint32_t controller_;
+  const Spoil spoil_;
 };
 
 }  // namespace orva::bench

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "bench/fleet/plant_methods.h"
+#include "bench/fleet/clocks.h"
 #include "orva_host/datagram_format.h"
 #include "orva_host/network_address.h"
 #include "orva_host/random_number.h"
@@ -31,15 +31,18 @@ std::string hostOf(std::uint32_t controller) {
 }  // namespace
 
 struct SimulatedControllers::Controller {
-  Controller(const FleetPlant& plant, std::uint32_t index)
-      : exchanges(host::randomNumber), methods(plant, index) {}
+  Controller(const FleetPlant& plant, std::uint32_t index, const FleetFaults& faults)
+      : exchanges(host::randomNumber),
+        methods(plant, index, faults.spoil),
+        isSilent(index + faults.silent >= plant.controllers()) {}
 
   host::UdpSocket socket;
   host::ServerExchanges exchanges;
   PlantMethods methods;
+  const bool isSilent;
 };
 
-SimulatedControllers::SimulatedControllers(const FleetPlant& plant, NetworkFaults faults)
+SimulatedControllers::SimulatedControllers(const FleetPlant& plant, FleetFaults faults)
     : plant_(plant),
       faults_(faults),
       received_(host::kDatagramBytes + 1),
@@ -69,7 +72,7 @@ std::string SimulatedControllers::open() {
 }
 
 std::string SimulatedControllers::openController(std::uint32_t index) {
-  auto controller = std::make_unique<Controller>(plant_, index);
+  auto controller = std::make_unique<Controller>(plant_, index, faults_);
   const std::string address = hostOf(index);
   if (const int error = controller->socket.open(address, port_); error != 0) {
     return address + ": " + std::strerror(error);
@@ -113,6 +116,7 @@ void SimulatedControllers::work() {
     const int ready = epoll_wait(poll_, events, kEvents, sendDelayed());
     for (int i = 0; i < ready; ++i) receiveAll(*static_cast<Controller*>(events[i].data.ptr));
     expire();
+    cpuNs_ = threadCpuNs();
   }
 }
 
@@ -122,7 +126,8 @@ void SimulatedControllers::receiveAll(Controller& controller) {
     const int length = controller.socket.receive(received_.data(), received_.size(), 0, from);
     if (length < 0) return;
     count(static_cast<std::size_t>(length));
-    if (reachable_ && !isLost()) take(controller, from, static_cast<std::size_t>(length));
+    if (reachable_ && !controller.isSilent && !isLost())
+      take(controller, from, static_cast<std::size_t>(length));
   }
 }
 

@@ -10,15 +10,18 @@
 #include <vector>
 
 #include "bench/fleet/fleet_plant.h"
+#include "bench/fleet/plant_methods.h"
 #include "orva_host/network_config.h"
 #include "orva_host/outgoing_datagram.h"
 
 namespace orva::bench {
 
-// What the network between the puller and the controllers does.
-struct NetworkFaults {
+// What the controllers, and the network between them and the puller, do wrong.
+struct FleetFaults {
   double loss = 0;  // of datagrams in each direction: 0 to 1
   std::uint32_t delayMs = 0;
+  std::uint32_t silent = 0;  // so many of the controllers, the last ones, never answer
+  Spoil spoil = Spoil::kNothing;
 };
 
 // What went over the wire in both directions, lost datagrams that somebody sent included.
@@ -31,7 +34,7 @@ struct Traffic {
 // host's network, for all of them on one thread.
 class SimulatedControllers {
  public:
-  SimulatedControllers(const FleetPlant& plant, NetworkFaults faults);
+  SimulatedControllers(const FleetPlant& plant, FleetFaults faults);
   ~SimulatedControllers();
   SimulatedControllers(const SimulatedControllers&) = delete;
   SimulatedControllers& operator=(const SimulatedControllers&) = delete;
@@ -44,6 +47,8 @@ class SimulatedControllers {
   // Nothing that arrives is taken any more, or it is again.
   void setReachable(bool reachable) { reachable_ = reachable; }
   Traffic traffic() const;
+  // What the thread used of the processor.
+  std::int64_t cpuNs() const { return cpuNs_; }
 
  private:
   struct Controller;
@@ -64,7 +69,7 @@ class SimulatedControllers {
   void count(std::size_t bytes);
 
   const FleetPlant& plant_;
-  const NetworkFaults faults_;
+  const FleetFaults faults_;
   std::vector<std::unique_ptr<Controller>> controllers_;
   std::uint16_t port_ = 0;  // of all of them
   int poll_ = -1;
@@ -72,6 +77,7 @@ class SimulatedControllers {
   std::atomic<bool> reachable_{true};
   std::atomic<std::uint64_t> datagrams_{0};
   std::atomic<std::uint64_t> bytes_{0};
+  std::atomic<std::int64_t> cpuNs_{0};
   std::thread thread_;
 
   // Of the thread alone.
