@@ -206,14 +206,17 @@ void RemoteArchiveSource::configure(const Controllers& controllers,
 void RemoteArchiveSource::Execute() { static_cast<void>(executePass()); }
 
 // Makes a pass; how long the worker then pauses.
-long long RemoteArchiveSource::executePass() NO_THREAD_SAFETY_ANALYSIS {
+long long RemoteArchiveSource::executePass() {
   long long pause = kPauseTicks;
-  if (!link_->isOpen() || !passMutex_.try_lock()) return pause;
-  guarded("RemoteArchiveSource::Execute", [&]() NO_THREAD_SAFETY_ANALYSIS {
-    pass();
-    pause = pauseAfterPass();
-  });
-  passMutex_.unlock();
+  if (!link_->isOpen() || inPass_.exchange(true)) return pause;
+  {
+    MutexLock lock(passMutex_);
+    guarded("RemoteArchiveSource::Execute", [&]() NO_THREAD_SAFETY_ANALYSIS {
+      pass();
+      pause = pauseAfterPass();
+    });
+  }
+  inPass_ = false;
   return pause;
 }
 

@@ -103,7 +103,9 @@ class RemoteArchiveSource {
   std::map<std::int32_t, Peer> peers_ GUARDED_BY(mutex_);
   std::uint64_t version_ GUARDED_BY(mutex_) = 1;  // of the tables
 
-  mutable Mutex passMutex_;  // held for a whole pass; before mutex_, and tried only
+  // One pass at a time: whoever finds another one under way makes none.
+  std::atomic<bool> inPass_{false};
+  mutable Mutex passMutex_;  // held for a whole pass; before mutex_
   std::map<std::int32_t, std::unique_ptr<RemoteExchange>> exchanges_ GUARDED_BY(passMutex_);
   std::uint64_t seenVersion_ GUARDED_BY(passMutex_) = 0;
   bool hasMore_ GUARDED_BY(passMutex_) = false;  // the last pass left pages unasked for
