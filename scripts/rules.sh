@@ -24,13 +24,13 @@ forbid 'the history add-in sees only include/ and its own folder' \
   "$quoted(orva_(host|sqlite|events_log)|sqlite_base|support)/" addins/orva_database
 forbid 'a provider sees only include/ and its own folder' \
   "$quoted(orva_(host|database)|support)/" addins/orva_sqlite addins/sqlite_base addins/orva_events_log
-forbid 'includes are rooted' "$quoted\.\.?/" addins host include tests bench
+forbid 'includes are rooted' "$quoted\.\.?/" addins cli host include tests bench
 
 standard='std::(recursive_|shared_|timed_)*mutex|std::(lock_guard|unique_lock|scoped_lock|shared_lock)'
 forbid 'locks are orva::Mutex and orva::MutexLock, which clang can check' "$standard" \
-  addins host include ':!include/share/mutex.h' ':!include/share/condition.h'
+  addins cli host include ':!include/share/mutex.h' ':!include/share/condition.h'
 forbid 'RapidJSON comes by way of share/json.h' '^ *# *include *<rapidjson/(document|reader)\.h>' \
-  addins host include tests bench ':!include/share/json.h'
+  addins cli host include tests bench ':!include/share/json.h'
 
 echo "rules: $broken broken"
 ((broken == 0))
