@@ -99,6 +99,28 @@ TEST_F(JsonMethodsPageTest, EachRequestHasTheReplyThatStandsBelowIt) {
   }
 }
 
+// What is typed stands behind "$ ", below it what is printed.
+TEST_F(JsonMethodsPageTest, TheCommandsOfTheCommandLinePagePrintWhatStandsBelowThem) {
+  const std::string shell = "orva() { " ORVA_LAUNCHER " " ORVA_CLI_PROGRAM
+                            " \"$@\"; }\n"
+                            "export ORVA_HOST=http://127.0.0.1:" +
+                            std::to_string(plant_.port()) + "\n";
+  int commands = 0;
+  for (const Fence& fence : fencesOf("docs/command-line.md")) {
+    if (fence.info != "console session") continue;
+    std::istringstream lines(fence.text);
+    std::string script = shell;
+    for (std::string line; std::getline(lines, line);) {
+      if (line.compare(0, 2, "$ ") != 0) continue;
+      script += "cat <<'END'\n" + line + "\nEND\n" + line.substr(2) + "\n";
+      ++commands;
+    }
+    const ProgramResult result = runProgram({"/bin/sh", "-c", script});
+    EXPECT_EQ(result.out, fence.text) << result.err;
+  }
+  EXPECT_GE(commands, 8);
+}
+
 json::Document jsonFile(const std::string& name) {
   json::Document document;
   document.Parse(readFile(std::string(ORVA_SOURCE_DIR) + "/" + name));

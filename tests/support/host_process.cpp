@@ -67,9 +67,9 @@ void sleepMilliseconds(int milliseconds) {
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
-ProgramResult runHost(const std::vector<std::string>& arguments, int timeoutMs) {
+ProgramResult runProgram(const std::vector<std::string>& command, int timeoutMs) {
   const TempFolder folder;
-  const pid_t child = start(commandLine(arguments), folder.path("out"), folder.path("err"));
+  const pid_t child = start(command, folder.path("out"), folder.path("err"));
   int status = 0;
   const bool ended =
       waitUntil([&] { return waitpid(child, &status, WNOHANG) == child; }, timeoutMs);
@@ -78,6 +78,10 @@ ProgramResult runHost(const std::vector<std::string>& arguments, int timeoutMs) 
     waitpid(child, &status, 0);
   }
   return {exitCodeOf(status), readFile(folder.path("out")), readFile(folder.path("err"))};
+}
+
+ProgramResult runHost(const std::vector<std::string>& arguments, int timeoutMs) {
+  return runProgram(commandLine(arguments), timeoutMs);
 }
 
 HostProcess::HostProcess(const std::string& configFile, const std::vector<std::string>& further) {

@@ -16,8 +16,11 @@ struct ProgramResult {
   std::string err;
 };
 
-// Runs orva_host with these arguments and waits for its end; one that takes longer than
-// `timeoutMs` is killed.
+// Runs a program, the first word, and waits for its end; one that takes longer than `timeoutMs` is
+// killed.
+ProgramResult runProgram(const std::vector<std::string>& command, int timeoutMs = 30'000);
+
+// Runs orva_host with these arguments, likewise.
 ProgramResult runHost(const std::vector<std::string>& arguments, int timeoutMs = 30'000);
 
 // The program orva_host at work in a process of its own, with a configuration that listens on
