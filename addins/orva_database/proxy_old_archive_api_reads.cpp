@@ -84,7 +84,7 @@ int ProxyOldArchiveApi::AddRequest(ArchiveRequest* legacyRequest) {
 }
 
 SharedRequest ProxyOldArchiveApi::makeRequest(const ArchiveRequest& legacyRequest) {
-  const auto request = boost::make_shared<Request>(legacyRequest.id);
+  auto request = boost::make_shared<Request>(legacyRequest.id);
   Request::Options& options = request->options;
   options.startTime = legacyRequest.startTime;
   options.endTime = legacyRequest.endTime;

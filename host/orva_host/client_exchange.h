@@ -67,18 +67,18 @@ class ClientExchange {
   int waitMs_;
   int silent_ = 0;  // sent again so often since the last sign of life
   int restarts_ = 0;
-  std::uint64_t proof_;
+  int repeatedPieces_ = 0;
+  int status_ = 0;
   std::uint16_t round_ = 0;
   std::uint16_t heardRound_ = 0;  // the latest one that was replied to
-  PieceSet toSend_;               // pieces of the request that the other side lacks
+  bool burstEnded_ = false;       // the last of `asked_` came, others are missing
+  bool over_ = false;
+  std::uint64_t proof_;
+  PieceSet toSend_;  // pieces of the request that the other side lacks
   PieceSet sent_;
   PieceSet asked_;  // pieces of the answer that are under way, as far as known
   PieceSet askedBefore_;
-  bool burstEnded_ = false;  // the last of them came, others are missing
   std::optional<MessageAssembly> answer_;
-  int repeatedPieces_ = 0;
-  bool over_ = false;
-  int status_ = 0;
   std::string text_;
 };
 
