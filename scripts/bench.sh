@@ -4,21 +4,30 @@ source "$(dirname "$0")/lib/common.sh"
 
 usage() {
   cat <<USAGE
-usage: scripts/bench.sh [--filter REGEX] [--json FILE]
+usage: scripts/bench.sh [--filter REGEX | --fleet] [--json FILE]
 
-Installs what is missing, builds the release preset and runs the benchmarks.
-  --filter REGEX  only benchmarks whose name matches
-  --json FILE     also write the figures to FILE
+Installs what is missing, builds the release preset and runs the benchmarks, and then the fleet
+simulation: one controller that pulls 1, 10, 50, 100 and 200 others.
+  --filter REGEX  only benchmarks whose name matches, and no fleet
+  --fleet         only the fleet simulation
+  --json FILE     also write the figures to FILE, those of the fleet to FILE.fleet
 USAGE
 }
 
 arguments=()
+fleet_arguments=(--controllers 1,10,50,100,200)
+parts=(benchmarks fleet)
 while (($# > 0)); do
   case $1 in
-    --filter) arguments+=("--benchmark_filter=${2:?--filter needs a regular expression}") && shift ;;
+    --filter)
+      arguments+=("--benchmark_filter=${2:?--filter needs a regular expression}") && shift
+      parts=(benchmarks)
+      ;;
+    --fleet) parts=(fleet) ;;
     --json)
       json=$(cd "$OLDPWD" && realpath -m "${2:?--json needs a file}")
       arguments+=("--benchmark_out=$json" --benchmark_out_format=json) && shift
+      fleet_arguments+=(--json "$json.fleet")
       ;;
     -h | --help) usage && exit 0 ;;
     *) usage_error "unknown argument $1" ;;
@@ -29,6 +38,11 @@ done
 scripts/setup.sh
 say "build release"
 configure release
-build release orva_bench
-say "benchmarks"
-exec build/release/bin/orva_bench "${arguments[@]}"
+build release orva_bench orva_fleet
+for part in "${parts[@]}"; do
+  say "$part"
+  case $part in
+    benchmarks) build/release/bin/orva_bench "${arguments[@]}" ;;
+    fleet) build/release/bin/orva_fleet "${fleet_arguments[@]}" ;;
+  esac
+done

@@ -56,6 +56,7 @@ void writeRun(Writer& writer, const FleetFigures& figures) {
   write(writer, "durableSeconds", figures.durableSeconds);
   write(writer, "commits", count(figures.commits));
   write(writer, "diskBytes", count(figures.diskBytes));
+  write(writer, "peakMegabytes", figures.peakMegabytes);
   writer.Key("problem");
   writer.String(figures.problem);
   writer.EndObject();
@@ -69,9 +70,9 @@ void printHead(const FleetOptions& options) {
               options.delayMs);
   std::printf("; %u silent\n\n%11s | %-43s | after a break of %u s\n", options.silent, "", "live",
               options.breakSeconds);
-  std::printf("%11s |%8s%8s%8s%7s%7s%7s |%9s%8s%8s%9s%7s%7s%7s%7s%7s%9s\n", "controllers", "rec/s",
-              "age ms", "most", "busy%", "CPU%", "B/rec", "records", "s", "durable", "rec/s",
-              "busy%", "wait%", "us", "all us", "B/rec", "repeated");
+  std::printf("%11s |%8s%8s%8s%7s%7s%7s |%9s%8s%8s%9s%7s%7s%7s%7s%7s%9s%7s\n", "controllers",
+              "rec/s", "age ms", "most", "busy%", "CPU%", "B/rec", "records", "s", "durable",
+              "rec/s", "busy%", "wait%", "us", "all us", "B/rec", "repeated", "MB");
   std::fflush(stdout);
 }
 
@@ -82,12 +83,12 @@ void printRun(const FleetFigures& figures) {
   std::printf("%11u |%8.0f%8.0f%8.0f%7.1f%7.1f%7.1f |", figures.controllers, live.perSecond(),
               live.ageMeanMs, live.ageMostMs, percentOf(live.busySeconds(), live.seconds),
               percentOf(live.pullerCpuSeconds(), live.seconds), bytesPerRecord(live));
-  std::printf("%9.0f%8.2f%8.2f%9.0f%7.1f%7.1f%7.2f%7.2f%7.1f%9.0f  %s\n", count(after.records),
+  std::printf("%9.0f%8.2f%8.2f%9.0f%7.1f%7.1f%7.2f%7.2f%7.1f%9.0f%7.0f  %s\n", count(after.records),
               after.seconds, figures.durableSeconds, after.perSecond(),
               percentOf(after.busySeconds(), after.seconds), percentOf(waiting, after.seconds),
               after.perRecord(after.cpuSeconds() * 1e6),
               after.perRecord(after.pullerCpuSeconds() * 1e6), bytesPerRecord(after),
-              count(after.link.socket.repeatedPieces),
+              count(after.link.socket.repeatedPieces), figures.peakMegabytes,
               figures.problem.empty() ? "all arrived, once" : "WRONG");
   if (!figures.problem.empty()) std::printf("%s\n", figures.problem.c_str());
   std::fflush(stdout);

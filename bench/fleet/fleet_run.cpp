@@ -1,5 +1,7 @@
 #include "bench/fleet/fleet_run.h"
 
+#include <sys/resource.h>
+
 #include <chrono>
 #include <functional>
 #include <thread>
@@ -131,6 +133,9 @@ FleetFigures FleetRun::run() {
   if (!figures.problem.empty()) return figures;
   const bool complete = watch(figures);
   source_->Stop();
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  figures.peakMegabytes = static_cast<double>(usage.ru_maxrss) * 1024 * 1e-6;
   figures.problem = arrivals_.problem();
   if (figures.problem.empty() && !complete) {
     figures.problem = "nothing arrives any more, and records are missing";
@@ -140,8 +145,8 @@ FleetFigures FleetRun::run() {
 }
 
 bool FleetRun::watch(FleetFigures& figures) {
-  // The first record of each item is here: everything is found, and every proof exchanged.
-  if (!waitForAll(firstRecords())) return false;
+  // Everything is found, every proof exchanged, and nothing waits from the time before that.
+  if (!waitForAll(firstRecords()) || !waitForAll(countsNow())) return false;
   arrivals_.takeAges();
   Mark begin = mark();
   std::this_thread::sleep_for(std::chrono::seconds(options_.liveSeconds));

@@ -45,7 +45,8 @@ struct FleetFigures {
   double durableSeconds = 0;  // from its beginning until all of that was on the disk
   std::uint64_t commits = 0;  // of the whole run
   std::uint64_t diskBytes = 0;
-  std::string problem;  // empty: every record arrived once and in order
+  double peakMegabytes = 0;  // of the process so far, the simulated controllers included
+  std::string problem;       // empty: every record arrived once and in order
 };
 
 // One run: so many controllers are set up and pulled live, then their records of the break come.
