@@ -121,8 +121,8 @@ std::uint32_t networkChecksum(std::string_view bytes) {
 
 std::string encodeDatagram(const Datagram& datagram) {
   std::string bytes(kHeaderBytes, '\0');
-  char* header = bytes.data();
   bytes.replace(0, sizeof kMagic, kMagic, sizeof kMagic);
+  char* const header = bytes.data();
   putNumber(header + at::kVersion, kVersion);
   putNumber(header + at::kKind, static_cast<std::uint8_t>(datagram.kind));
   putNumber(header + at::kFlags,
