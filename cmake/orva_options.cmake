@@ -11,6 +11,13 @@ set(CMAKE_CXX_COMPILE_OPTIONS_PIE -fPIC)
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g1 -DNDEBUG")
 
 add_library(orva_options INTERFACE)
+# What is part of every mutex, or of every sample, is so in the whole tree.
+if(ORVA_LOCK_ORDER)
+  add_compile_definitions(ORVA_LOCK_ORDER)
+endif()
+if(ORVA_LIVE_COUNTS)
+  add_compile_definitions(ORVA_LIVE_COUNTS)
+endif()
 target_compile_definitions(orva_options INTERFACE
   _FILE_OFFSET_BITS=64 _TIME_BITS=64 RAPIDJSON_HAS_STDSTRING=1)
 target_compile_options(orva_options INTERFACE
@@ -41,6 +48,11 @@ if(ORVA_SANITIZE)
   if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
     add_compile_options(-fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/cmake/sanitize_ignore.txt)
   endif()
+endif()
+
+option(ORVA_COVERAGE "count which lines of the add-ins run" OFF)
+if(ORVA_COVERAGE)
+  add_link_options(--coverage)
 endif()
 
 add_library(orva_headers INTERFACE)

@@ -2,20 +2,34 @@
 
 #include <mutex>
 
+#include "share/lock_order.h"
 #include "share/thread_annotations.h"
 
 namespace orva {
 
-// The system mutex with the attributes that let clang check who holds it. Not recursive.
-class CAPABILITY("mutex") Mutex {
+// The system mutex with the attributes that let clang check who holds it. Not recursive. Its class
+// says where it stands in the order of locks.
+class CAPABILITY("mutex") Mutex : private LockWatch {
  public:
   Mutex() = default;
+  explicit Mutex(LockClass lockClass) : LockWatch(lockClass) {}
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
-  void lock() ACQUIRE() { mutex_.lock(); }
-  bool try_lock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
-  void unlock() RELEASE() { mutex_.unlock(); }
+  void lock() ACQUIRE() {
+    acquiring();
+    mutex_.lock();
+    acquired();
+  }
+  bool try_lock() TRY_ACQUIRE(true) {
+    if (!mutex_.try_lock()) return false;
+    acquired();
+    return true;
+  }
+  void unlock() RELEASE() {
+    released();
+    mutex_.unlock();
+  }
 
   // For Condition only.
   std::mutex& native() { return mutex_; }
@@ -25,14 +39,22 @@ class CAPABILITY("mutex") Mutex {
 };
 
 // As Mutex, but its owner may take it again.
-class CAPABILITY("mutex") RecursiveMutex {
+class CAPABILITY("mutex") RecursiveMutex : private LockWatch {
  public:
   RecursiveMutex() = default;
+  explicit RecursiveMutex(LockClass lockClass) : LockWatch(lockClass) {}
   RecursiveMutex(const RecursiveMutex&) = delete;
   RecursiveMutex& operator=(const RecursiveMutex&) = delete;
 
-  void lock() ACQUIRE() { mutex_.lock(); }
-  void unlock() RELEASE() { mutex_.unlock(); }
+  void lock() ACQUIRE() {
+    acquiringAgain();
+    mutex_.lock();
+    acquired();
+  }
+  void unlock() RELEASE() {
+    released();
+    mutex_.unlock();
+  }
 
  private:
   std::recursive_mutex mutex_;
