@@ -1,6 +1,5 @@
 #include <set>
 
-#include "host/host_time.h"
 #include "host/trace.h"
 #include "orva_database/cache.h"
 #include "orva_database/counters.h"
@@ -9,6 +8,7 @@
 #include "orva_database/request_processor.h"
 #include "share/addins_share.h"
 #include "share/archive_manager.h"
+#include "share/signal.h"
 
 // The two methods of a client that does not wait for its history: it asks, and comes back for the
 // result.
@@ -58,7 +58,7 @@ StatusCode RequestProcessor::HistoryReadRawAsync(const json::Value& request, Rep
   const std::int64_t requestId = GetSafeInt64Value(parameters, "requestId", 0);
   const archive::SharedRequest read = makeHistoryRequest(request);
   if (!read) return status::kBadInvalidArgument;
-  asyncReads_.put(subscriptionId, requestId, read, getInt64FileTime());
+  asyncReads_.put(subscriptionId, requestId, read, Signal::elapsed());
   try {
     DataArchiveManager::instance().addRequest(read, 0);
   } catch (...) {
@@ -89,7 +89,7 @@ StatusCode RequestProcessor::PublishHistoryData(const json::Value& request, Repl
   const archive::SharedRequest read = found->request;
   // The finalised items decide. The status says "timed out" soon after the call, done or not.
   if (!read->complete()) {
-    if (!AsyncReads::overdue(*found, getInt64FileTime())) return status::kBadWaiting;
+    if (!AsyncReads::overdue(*found, Signal::elapsed())) return status::kBadWaiting;
     traceUnanswered(subscriptionId, requestId);
     counters.readTimeouts.add();
     asyncReads_.drop(subscriptionId);

@@ -23,7 +23,7 @@ struct AsyncRead {
 // what it pushes all the same is ignored, and the memory comes back. So the reads of clients that
 // went away leave when others come.
 //
-// The clock may be set back: a read that seems to come from the future begins its time anew.
+// Times are those of Signal::elapsed(), so the controller's clock may be set, or stand still.
 //
 // Not thread-safe. Calls nobody.
 class AsyncReads {

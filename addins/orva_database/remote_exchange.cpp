@@ -5,7 +5,6 @@
 #include <set>
 #include <tuple>
 
-#include "host/host_time.h"
 #include "host/trace.h"
 #include "share/ticks.h"
 
@@ -21,11 +20,8 @@ constexpr std::int64_t kLongestRest = 30 * kTicksPerSecond;
 constexpr unsigned kLongestRestFrom = 6;  // failures
 constexpr std::int64_t kReportTicks = kTicksPerMinute;
 
-// Also true when the clock was set back.
 bool hasPassed(std::int64_t now, std::int64_t since, std::int64_t ticks) {
-  const auto passed = static_cast<std::int64_t>(static_cast<std::uint64_t>(now) -
-                                                static_cast<std::uint64_t>(since));
-  return passed < 0 || passed >= ticks;
+  return now - since >= ticks;
 }
 
 using ItemIdentity = std::tuple<std::string, std::int64_t, std::string>;
@@ -90,7 +86,7 @@ bool RemoteExchange::exchange(ControllerLink& link, int limitMs, const std::atom
   wait.limitMs = limitMs;
   wait.stop = &stop;
   std::string text;
-  triedAt_ = getInt64FileTime();
+  triedAt_ = Signal::elapsed();
   counters.remoteExchanges.add();
   const int result =
       link.exchange(address_, remoteRequest(methodPath_, ++reqId_, questions), wait, text);

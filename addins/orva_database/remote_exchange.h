@@ -32,8 +32,8 @@ class RemoteExchange {
   // Takes on the configured items, in this order. Those that it had go on where they are.
   void configure(const NLAddress& address, const std::list<RemoteSourceInfo>& items);
 
-  // Begins a round when `period` ticks have passed since the last one began, or the clock was set
-  // back.
+  // What follows takes Signal::elapsed() as `now`.
+  // Begins a round when `period` ticks have passed since the last one began.
   void beginRoundIfDue(std::int64_t now, std::int64_t period);
   // Whether the last exchange failed; such a controller is asked once in a pass.
   bool isFailing() const { return failures_ != 0; }

@@ -14,12 +14,6 @@ constexpr std::int64_t kBatchOffUpTo = 1'000;  // ticks
 constexpr std::size_t kBatchMinimum = 3;       // samples
 constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
 
-// Rounded down, so that periods before time 0 are as long as all others.
-std::int64_t periodOf(std::int64_t time, std::int64_t interval) {
-  const std::int64_t quotient = time / interval;
-  return time % interval < 0 ? quotient - 1 : quotient;
-}
-
 // The value as a number, NaN when it is none.
 double numberOf(const Pin& pin) {
   double number = kNone;
@@ -83,6 +77,12 @@ Sampling::Sampling(std::int64_t interval, PinList& queue, PinList::iterator /*po
     : interval_(interval > kOffUpTo ? interval : 0), queue_(queue) {}
 
 Sampling::~Sampling() = default;
+
+// Rounded down, so that periods before time 0 are as long as all others.
+std::int64_t Sampling::periodOf(std::int64_t time, std::int64_t interval) {
+  const std::int64_t quotient = time / interval;
+  return time % interval < 0 ? quotient - 1 : quotient;
+}
 
 void Sampling::push(const PinPtr& sample) {
   if (interval_ == 0) {

@@ -24,6 +24,9 @@ class Sampling {
   // Intervals up to this many ticks (0.1 s) switch resampling off.
   static constexpr std::int64_t kOffUpTo = 1'000'000;
 
+  // The period that a time lies in, counted from time 0.
+  static std::int64_t periodOf(std::int64_t time, std::int64_t interval);
+
   // Output goes to `queue`, which must outlive this. push() and flush() append to it, so only
   // insert() has a use for a position, and it is told one: no position is kept between calls.
   Sampling(std::int64_t interval, PinList& queue, PinList::iterator position);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <ratio>
 
 namespace orva {
 
@@ -14,6 +15,17 @@ constexpr long long kLongestWaitTicks = 864'000'000'000;  // a day
 }  // namespace
 
 Signal::WaitClock* Signal::setWaitClock(WaitClock* clock) { return waitClock.exchange(clock); }
+
+long long Signal::elapsed() {
+  WaitClock* const clock = waitClock.load();
+  return clock != nullptr ? clock->elapsed() : elapsedReal();
+}
+
+long long Signal::elapsedReal() {
+  using Ticks = std::chrono::duration<long long, std::ratio<1, 10'000'000>>;
+  const auto since = Condition::Clock::now().time_since_epoch();
+  return std::max(1LL, std::chrono::duration_cast<Ticks>(since).count());
+}
 
 std::uint64_t Signal::count() const {
   MutexLock lock(mutex_);

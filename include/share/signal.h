@@ -25,9 +25,18 @@ class ORVA_API Signal {
    public:
     virtual ~WaitClock() = default;
     virtual bool wait(Signal& signal, std::uint64_t seen, long long ticks) = 0;
+    // What Signal::elapsed() says.
+    virtual long long elapsed() { return elapsedReal(); }
   };
   // Null gives the real clock back. Set it while nothing waits. Returns the one there was.
   static WaitClock* setWaitClock(WaitClock* clock);
+
+  // Ticks of the time that waits go by, from some beginning: above 0, and never less than before.
+  // For periods and time-outs, which must hold whatever happens to the controller's clock: that one
+  // is set back and forward, and may stand still.
+  static long long elapsed();
+  // The same of the machine's own clock, whatever setWaitClock() says.
+  static long long elapsedReal();
 
   std::uint64_t count() const EXCLUDES(mutex_);
   // Wakes every waiter; a wait whose `seen` is older returns at once.

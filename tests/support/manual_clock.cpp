@@ -22,6 +22,7 @@ class Clock final : public host::HostClock, public Signal::WaitClock {
   void begin(long long start) {
     wall = start;
     autoAdvance = false;
+    frozen = false;
     governsOld = false;
     owner = std::this_thread::get_id();
     waitsBegun = 0;
@@ -36,6 +37,10 @@ class Clock final : public host::HostClock, public Signal::WaitClock {
 
   long long now() override { return isActive(generation) ? wall.load() : host::machineTime(); }
 
+  long long elapsed() override {
+    return isActive(generation) ? elapsedTicks.load() : Signal::elapsedReal();
+  }
+
   bool wait(Signal& signal, std::uint64_t seen, long long ticks) override {
     const long long current = generation;
     if (!governs(current)) return signal.waitReal(seen, ticks);
@@ -49,12 +54,13 @@ class Clock final : public host::HostClock, public Signal::WaitClock {
   }
 
   void advance(long long ticks) {
-    wall += ticks;
-    elapsed += ticks;
+    if (!frozen) wall += ticks;
+    elapsedTicks += ticks;
   }
 
   std::atomic<long long> wall{0};
-  std::atomic<long long> elapsed{0};  // what waits measure; never goes back
+  std::atomic<long long> elapsedTicks{kTicksPerHour};  // what waits measure; never goes back
+  std::atomic<bool> frozen{false};
   std::atomic<bool> autoAdvance{false};
   std::atomic<bool> governsOld{false};
   std::atomic<int> waiting{0};
@@ -71,11 +77,11 @@ class Clock final : public host::HostClock, public Signal::WaitClock {
 
   bool block(Signal& signal, std::uint64_t seen, long long ticks, long long current) {
     long long end = 0;
-    if (__builtin_add_overflow(elapsed.load(), ticks, &end)) end = INT64_MAX;
+    if (__builtin_add_overflow(elapsedTicks.load(), ticks, &end)) end = INT64_MAX;
     ++waitsBegun;  // before `waiting`: whoever sees a wait in progress finds it counted
     ++waiting;
     bool notified = false;
-    while (!notified && elapsed < end && !autoAdvance && generation == current) {
+    while (!notified && elapsedTicks < end && !autoAdvance && generation == current) {
       notified = signal.waitReal(seen, kTicksPerMillisecond);
     }
     --waiting;
@@ -96,6 +102,7 @@ ManualClock::~ManualClock() { Clock::instance().end(); }
 long long ManualClock::now() const { return Clock::instance().wall; }
 void ManualClock::advance(long long ticks) { Clock::instance().advance(ticks); }
 void ManualClock::setTime(long long time) { Clock::instance().wall = time; }
+void ManualClock::setFrozen(bool on) { Clock::instance().frozen = on; }
 void ManualClock::setAutoAdvance(bool on) { Clock::instance().autoAdvance = on; }
 void ManualClock::governOldThreads() { Clock::instance().governsOld = true; }
 int ManualClock::waiting() const { return Clock::instance().waiting; }

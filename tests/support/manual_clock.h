@@ -5,7 +5,7 @@
 namespace orva::test {
 
 // Time that passes only when a test says so. From construction to destruction it stands in for
-// getInt64FileTime() and for timed waits on an orva::Signal.
+// getInt64FileTime(), Signal::elapsed() and for timed waits on an orva::Signal.
 //
 // A wait ends when its signal is notified, or once the virtual time has moved on by its ticks. With
 // autoAdvance a wait that would block moves the virtual time on by its ticks itself and ends at
@@ -32,6 +32,8 @@ class ManualClock final {
   void advance(long long ticks);
   // Somebody sets the controller's clock: no time goes by, waits go on as before.
   void setTime(long long time);
+  // The controller's clock stands still: time goes by for waits and Signal::elapsed() alone.
+  void setFrozen(bool on);
   void setAutoAdvance(bool on);
   void governOldThreads();
 
