@@ -64,8 +64,14 @@ bool DataArchiveManager::State::attachLayer(std::int64_t cacheId, const ItemKey&
   IDataArchive& archive = *provider->archive();
   if (pin.layerCount() == 0) pin.forgetLast();  // what came before any layer was never archived
   if (layer == 0) pin.setFilter(archive.filter());
-  pin.addLayer(archive.layerWriter(key, layer, parameter), layer);
+  ILayerWriter& writer = archive.layerWriter(key, layer, parameter);
   layerArchives[{cacheId, layer}] = archiveNumber;
+  try {
+    pin.addLayer(writer, layer);
+  } catch (...) {
+    layerArchives.erase({cacheId, layer});
+    throw;
+  }
   return true;
 }
 

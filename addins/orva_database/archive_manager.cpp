@@ -7,6 +7,19 @@
 
 namespace orva::archive {
 
+namespace {
+
+// Reads are told for as long as archives end.
+class ArchivesEnd {
+ public:
+  ArchivesEnd() { Request::archivesBeginToEnd(); }
+  ~ArchivesEnd() { Request::archivesHaveEnded(); }
+  ArchivesEnd(const ArchivesEnd&) = delete;
+  ArchivesEnd& operator=(const ArchivesEnd&) = delete;
+};
+
+}  // namespace
+
 DataArchiveManager& DataArchiveManager::instance() {
   static DataArchiveManager manager;
   return manager;
@@ -69,6 +82,7 @@ void DataArchiveManager::clear() {
   State::Pending waiters;
   {
     MutexLock configLock(state_->configMutex);
+    const ArchivesEnd end;
     state_->forgetAll(archives, waiters);
     // No lock but the configuration's: a provider that stops completes reads and waits for its
     // threads, and whoever is told of that may call the manager.

@@ -63,8 +63,8 @@ struct DataArchiveManager::State {
   void dispatch(const SharedInterval& interval) EXCLUDES(cacheMutex);
   // Who answers the interval. False when nobody can: then the item is marked not found.
   bool findTarget(const Interval& interval, Target& out) EXCLUDES(cacheMutex);
-  // Whether the host archives this layer of the item in an archive that is not there, which is then
-  // traced: the item's cache has no such layer, and so opens no interval that could fail.
+  // Whether the host archives this layer, which the item did not have when it was read. That is
+  // then traced: the item's cache has no such layer, and so opens no interval that could fail.
   bool archiveMissing(std::int64_t cacheId, std::int32_t layer) EXCLUDES(cacheMutex);
   void drain(const std::vector<SharedInterval>& intervals);
 
@@ -75,14 +75,14 @@ struct DataArchiveManager::State {
   static void releaseWaiters(const Pending& waiters);
 
   // init() and clear() exclude each other; taken before all others.
-  Mutex configMutex;
+  Mutex configMutex{LockClass::kConfiguration};
   json::Document cfg GUARDED_BY(configMutex);  // until clear() emptied the archives
 
   // No lock: written while the host loads add-ins, read from init() on.
   std::map<std::string, IDataArchiveProcFactory*> factories;
 
   // Recursive: a provider may call createPinCache() from start().
-  mutable RecursiveMutex cacheMutex;
+  mutable RecursiveMutex cacheMutex{LockClass::kArchives};
   std::map<std::int32_t, Provider> archives GUARDED_BY(cacheMutex);
   std::map<std::int64_t, ItemKey> cacheItems GUARDED_BY(cacheMutex);
   std::map<LayerKey, std::int32_t> layerArchives GUARDED_BY(cacheMutex);
@@ -90,7 +90,7 @@ struct DataArchiveManager::State {
   std::set<std::int64_t> unfiltered GUARDED_BY(cacheMutex);  // items logged for it, by cache id
   cache::Cache cache;                                        // locks itself
 
-  Mutex queueMutex;  // taken after cacheMutex
+  Mutex queueMutex{LockClass::kQueue};  // taken after cacheMutex
   Pending pending GUARDED_BY(queueMutex);
 
   std::atomic<std::uint32_t> clears{0};  // finished clear() calls; a synchronous read watches it

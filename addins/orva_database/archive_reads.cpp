@@ -92,6 +92,7 @@ void giveUp(Request& request) {
 void DataArchiveManager::loadFromCache(const SharedRequest& request,
                                        std::vector<SharedInterval>& out) {
   counters.reads.add();
+  request->noteArchives();
   const Request::Options& options = request->options;
   for (const SharedItem& item : request->items()) {
     const boost::shared_ptr<cache::CachedItem> pin = state_->cache[item->cacheId];
@@ -102,6 +103,8 @@ void DataArchiveManager::loadFromCache(const SharedRequest& request,
       item->finalize();
       continue;
     }
+    // Asked before: while it is read the item may get the layer that it lacked.
+    const bool hadLayer = pin->hasLayer(options.layerId);
     if (options.returnFirstLastValue) {
       pin->getFirtsLast(item, options);
     } else {
@@ -109,7 +112,8 @@ void DataArchiveManager::loadFromCache(const SharedRequest& request,
     }
     const std::vector<SharedInterval> open = item->openIntervals();
     if (open.empty()) {
-      if (item->valueCount() == 0 && state_->archiveMissing(item->cacheId, options.layerId)) {
+      if (!hadLayer && item->valueCount() == 0 &&
+          state_->archiveMissing(item->cacheId, options.layerId)) {
         item->fail(status::kBadNotFound);
       }
       item->finalize();
@@ -125,7 +129,7 @@ bool DataArchiveManager::State::archiveMissing(std::int64_t cacheId, std::int32_
   {
     RecursiveMutexLock lock(cacheMutex);
     const auto key = cacheItems.find(cacheId);
-    if (key == cacheItems.end() || layerArchives.count({cacheId, layer}) != 0) return false;
+    if (key == cacheItems.end()) return false;
     itemId = key->second.first;
   }
   const auto layers = vm::VMInfo::GetInstance()->GetArchivedLayers(itemId);

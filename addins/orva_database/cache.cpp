@@ -41,8 +41,13 @@ boost::shared_ptr<Cache::Pin> Cache::getPin(const Key& key, std::int64_t& id) {
   }
   id = idFor(key);
   boost::shared_ptr<Pin> pin = Pin::make();
-  pins_.emplace(id, pin);
-  ids_.emplace(key, id);
+  const auto entry = ids_.emplace(key, id).first;
+  try {
+    pins_.emplace(id, pin);
+  } catch (...) {
+    ids_.erase(entry);
+    throw;
+  }
   return pin;
 }
 

@@ -46,7 +46,7 @@ class Cache {
  private:
   std::int64_t idFor(const Key& key) REQUIRES(mutex_);
 
-  mutable Mutex mutex_;
+  mutable Mutex mutex_{LockClass::kDirectory};
   std::map<std::int64_t, boost::shared_ptr<Pin>> pins_ GUARDED_BY(mutex_);
   std::map<Key, std::int64_t> ids_ GUARDED_BY(mutex_);
   RuleCounts forgotten_ GUARDED_BY(mutex_){};  // of the items that clear() forgot

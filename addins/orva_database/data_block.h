@@ -6,6 +6,7 @@
 
 #include "host/pin.h"
 #include "orva_database/block_storage.h"
+#include "share/live_count.h"
 
 namespace orva::cache {
 
@@ -27,7 +28,7 @@ using BlockStorage = Storage<DataBlock, Allocator2Q, storage_hook>;
 //
 // No lock of its own. Blocks are filled and read under the lock of the cached item; whoever holds a
 // strong reference keeps the block after the storage evicted it.
-class DataBlock : public storage_hook<BlockStorage> {
+class DataBlock : public storage_hook<BlockStorage>, public LiveCount<DataBlock> {
  public:
   static constexpr std::uint32_t MAX_SIZE = 1000;
   using iterator = std::vector<PinPtr>::const_iterator;

@@ -17,7 +17,7 @@ struct EventsArchiveManager::State {
 
   // Held while init() makes the archives and while clear() takes them out. Recursive, since init()
   // stores each of them by addArchive().
-  mutable RecursiveMutex mutex;
+  mutable RecursiveMutex mutex{LockClass::kEventsManager};
   std::map<std::int32_t, EventsProvider> archives GUARDED_BY(mutex);
   json::Document cfg GUARDED_BY(mutex);  // until clear() emptied the archives
   std::int32_t defaultArchive GUARDED_BY(mutex) = 0;

@@ -31,7 +31,12 @@ void Inbox::post(Answer answer) {
     return;
   }
   MutexLock lock(mutex_);
-  answers_.push_back(std::move(answer));
+  try {
+    answers_.push_back(std::move(answer));
+  } catch (...) {
+    waiting.fetch_sub(count);
+    throw;
+  }
 }
 
 std::vector<Inbox::Answer> Inbox::take() {

@@ -213,11 +213,14 @@ void Request::Item::dropRepeatedLast() {
 }
 
 void Request::Item::finalize() {
+  const SharedRequest owner = request.lock();
+  const bool archivesEnd = owner && owner->archivesEnd();
   {
     MutexLock lock(mutex_);
     // A closed item stays as the reader that gave up found it.
     if (!takesValues()) return;
     final_ = true;
+    if (archivesEnd && failure_ == status::kGood) failure_ = status::kBadDataUnavailable;
     dropRepeatedLast();
     continuationPoint_.reset();
     status_ = status::kGood;
@@ -228,7 +231,7 @@ void Request::Item::finalize() {
     }
     counters.valuesReturned.add(values_.size());
   }
-  if (const SharedRequest owner = request.lock()) owner->finalizeItem(cacheId);
+  if (owner) owner->finalizeItem(cacheId);
 }
 
 }  // namespace orva::archive

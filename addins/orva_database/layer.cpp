@@ -7,6 +7,26 @@
 
 namespace orva::cache {
 
+namespace {
+// Entries looked at for each that comes. Of those whose blocks are gone, a third as many as of the
+// others stay, about.
+constexpr std::size_t kSweptPerBlock = 4;
+
+// Puts an entry into the map; a live block that is there under its key stays. Needs no memory.
+template <class Blocks, class Live>
+typename Blocks::iterator enter(Blocks& blocks, typename Blocks::node_type entry,
+                                const Live& live) {
+  const auto known = blocks.find(entry.key());
+  if (known == blocks.end()) return blocks.insert(std::move(entry));
+  if (live(known->second)) {
+    entry.mapped().entered = false;
+    return blocks.insert(std::move(entry));
+  }
+  known->second = std::move(entry.mapped());
+  return known;
+}
+}  // namespace
+
 Layer::Limits Layer::limits;
 boost::shared_ptr<BlockStorage> Layer::storage = BlockStorage::make(Layer::kStorageBlocks);
 
@@ -44,18 +64,9 @@ void Layer::set_last(const BlockPtr& block) {
   // Key 0 is the lower end of the map, so a clock that stands there counts as one tick later.
   const std::int64_t key =
       block->empty() ? std::max<std::int64_t>(getInt64FileTime(), 1) : block->firstTime();
-  Entry entry;
-  entry.block = block;
-  const Iter known = blocks_.find(key);
-  if (known == blocks_.end()) {
-    lastEntry_ = blocks_.emplace_hint(blocks_.end(), key, std::move(entry));
-  } else if (live(known->second)) {
-    entry.entered = false;
-    lastEntry_ = blocks_.emplace(key, std::move(entry));
-  } else {
-    known->second = std::move(entry);
-    lastEntry_ = known;
-  }
+  Blocks made;
+  made.emplace(key, Entry())->second.block = block;
+  lastEntry_ = enter(blocks_, made.extract(made.begin()), &Layer::live);
 }
 
 // ---- the entries as a reader sees them
@@ -100,6 +111,20 @@ void Layer::clearInterval(Iter& position) {
     removed->second.block.reset();
   } else {
     blocks_.erase(removed);
+  }
+}
+
+void Layer::sweep(std::size_t entries) {
+  Iter at = blocks_.upper_bound(sweptTo_);
+  for (; entries > 0; --entries) {
+    if (at == blocks_.end()) at = blocks_.upper_bound(0);  // the entry of key 0 stays
+    if (at == blocks_.end()) return;
+    sweptTo_ = at->first;
+    if (at == lastEntry_ || live(at->second)) {
+      ++at;
+    } else {
+      clearInterval(at);
+    }
   }
 }
 
@@ -151,30 +176,36 @@ void Layer::append(const PinPtr& sample) {
 }
 
 // The block being appended to is full. Its entry, unless it never got into the map, is the
-// neighbour of the new one, and no sample lies between.
+// neighbour of the new one, and no sample lies between. What needs memory comes first.
 void Layer::openBlock(const PinPtr& sample) {
+  const BlockPtr block = storage->make_new();
+  block->push(sample);
+  Blocks made;
+  made.emplace(sample->time, Entry())->second.block = block;
   const bool sameTime = last_->lastTime() == sample->time;
   const bool wasEntered = lastEntry_->second.entered;
   lastEntry_->second.openRight = sameTime;
   if (!wasEntered) blocks_.erase(lastEntry_);
-  last_ = storage->make_new();
-  last_->push(sample);
+  last_ = block;
   // An expired entry under this key may be the very one this would be joined to.
   const Iter known = blocks_.find(sample->time);
   const bool replaces = known != blocks_.end() && !live(known->second);
-  set_last(last_);
+  lastEntry_ = enter(blocks_, made.extract(made.begin()), &Layer::live);
   lastEntry_->second.joined = wasEntered && !replaces;
   lastEntry_->second.openLeft = sameTime;
+  sweep(kSweptPerBlock);
 }
 
 // The first sample of a layer: its block leaves the key it had while empty. From this sample on
 // only what is appended counts, so whatever reaches past it leaves the map.
 void Layer::appendFirst(const PinPtr& sample) {
-  blocks_.erase(lastEntry_);
-  lastEntry_ = blocks_.end();
-  last_->push(sample);
+  last_->push(sample);  // without the memory for it nothing has happened
+  Blocks::node_type entry = blocks_.extract(lastEntry_);
+  entry.key() = sample->time;
+  entry.mapped() = Entry();
+  entry.mapped().block = last_;
   dropEntriesBeyond(sample->time);
-  set_last(last_);
+  lastEntry_ = enter(blocks_, std::move(entry), &Layer::live);
   lastEntry_->second.openLeft = sample->time > 0;  // the archive may hold more of this time
 }
 
@@ -197,7 +228,10 @@ void Layer::dropEntriesBeyond(std::int64_t time) {
 // ---- taking in answers
 
 void Layer::drain() {
-  for (const Inbox::Answer& answer : inbox_->take()) take(answer);
+  for (const Inbox::Answer& answer : inbox_->take()) {
+    take(answer);
+    sweep(kSweptPerBlock * (1 + answer.interval->buffer().size() / limits.blockSamples));
+  }
 }
 
 void Layer::insert(const archive::SharedInterval& interval) {

@@ -2,6 +2,7 @@
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 #include <boost/smart_ptr/weak_ptr.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <map>
@@ -120,6 +121,8 @@ class Layer {
   // Removes an entry whose block is gone and advances. The one of key 0 and that of `last` stay,
   // emptied; the entry after it is no longer joined.
   void clearInterval(Iter& position);
+  // Does that where no reader comes by: looks at so many entries, at the next ones each time.
+  void sweep(std::size_t entries);
 
   void emit(const PinPtr& sample);
   void emitResampled();
@@ -147,7 +150,8 @@ class Layer {
   std::uint32_t layer_ = 0;
   std::uint32_t reserved_ = 0;
   Blocks blocks_;
-  Iter lastEntry_;  // the entry of last_
+  Iter lastEntry_;            // the entry of last_
+  std::int64_t sweptTo_ = 0;  // the key that sweep() looked at last
   archive::ILayerWriter* writer_ = nullptr;
   bool cached_ = false;
   PinList resampled_;  // the resampler's output queue

@@ -2,8 +2,8 @@
 
 #include <boost/smart_ptr/make_shared.hpp>
 
-#include "host/host_time.h"
 #include "host/vm_info.h"
+#include "share/signal.h"
 #include "share/ticks.h"
 
 namespace orva::archive {
@@ -27,7 +27,7 @@ bool LocalEnd::find(std::int64_t itemId, std::int64_t cacheId) {
   cacheId_ = cacheId;
   const std::int32_t layer = firstLayerOf(itemId);
   if (state_ == State::start) {
-    const std::int64_t since = getInt64FileTime() - failedAt_;
+    const std::int64_t since = Signal::elapsed() - failedAt_;
     if (failed_ && since >= 0 && since < kRetryTicks) return false;
     ask(State::newest, layer);
   }
@@ -55,7 +55,7 @@ bool LocalEnd::answered() {
   if (!complete && request_->status() != status::kBadTimeout) return false;
   failed_ = !complete || isBad(request_->items().front()->failure());
   if (!failed_) return true;
-  failedAt_ = getInt64FileTime();
+  failedAt_ = Signal::elapsed();
   request_.reset();
   state_ = State::start;
   return false;

@@ -21,7 +21,12 @@ void CachedItem::addLayer(archive::ILayerWriter& writer, int layer) {
     OpcUa_Trace_Imp(kTraceWarning, "Not found VMLayer : %d\n", __FILE__, __LINE__, layer);
   }
   MutexLock lock(mutex_);
-  layers_[layer].init(description, writer);
+  try {
+    layers_[layer].init(description, writer);
+  } catch (...) {
+    layers_.erase(layer);
+    throw;
+  }
 }
 
 bool CachedItem::hasLayer(int layer) const {

@@ -11,6 +11,7 @@
 #include "orva_database/layer.h"
 #include "share/archive_provider.h"
 #include "share/archive_request.h"
+#include "share/live_count.h"
 #include "share/mutex.h"
 #include "share/write_filter.h"
 
@@ -24,7 +25,7 @@ using RuleCounts = std::array<std::uint64_t, archive::Filter::kRules>;
 //
 // Thread-safe: one mutex serialises writers and readers of the item. Under it providers are called
 // by ILayerWriter::write() only.
-class CachedItem {
+class CachedItem : public LiveCount<CachedItem> {
  public:
   using Options = archive::Request::Options;
 
@@ -98,7 +99,8 @@ class CachedItem {
   void listenForEdges(const archive::SharedItem& item) REQUIRES(mutex_);
   void drainLearnt() const REQUIRES(mutex_);
 
-  mutable Mutex mutex_;             // before the item mutex of a request and every inbox
+  mutable Mutex mutex_{
+      LockClass::kCachedItem};      // before the item mutex of a request and every inbox
   PinPtr last_ GUARDED_BY(mutex_);  // written by operator<< alone: the filter relies on it
   mutable PinPtr learnt_ GUARDED_BY(mutex_);       // the newest sample that a provider told
   mutable PinPtr learntFirst_ GUARDED_BY(mutex_);  // the oldest sample that a provider told

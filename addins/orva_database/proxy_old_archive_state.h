@@ -67,7 +67,7 @@ struct ProxyOldArchiveApi::State {
 
   // Makes what is remembered as set and what is set on the item's filter one step. Taken before
   // `mutex` and an item's mutex.
-  Mutex filterMutex;
+  Mutex filterMutex{LockClass::kLegacyFilter};
   // A leaf; held across no call into manager, host or cached item.
   Mutex mutex;
   std::map<std::int64_t, LegacyItem> pins GUARDED_BY(mutex);  // by legacy id

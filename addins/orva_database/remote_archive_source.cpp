@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "host/config_data.h"
-#include "host/host_time.h"
 #include "host/trace.h"
 #include "orva_database/archive_section.h"
 #include "orva_database/guarded.h"
@@ -232,7 +231,7 @@ void RemoteArchiveSource::pass() {
   hasMore_ = false;
   std::int64_t period = 0;
   if (!takeTables(period)) return;
-  const std::int64_t now = getInt64FileTime();
+  const std::int64_t now = Signal::elapsed();
   for (const auto& [index, exchange] : exchanges_) exchange->beginRoundIfDue(now, period);
   const Exchanges failing = chooseFailing(now);
   hasMore_ = askAnswering();

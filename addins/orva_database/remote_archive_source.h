@@ -96,7 +96,8 @@ class RemoteArchiveSource {
   std::uint64_t begun_ GUARDED_BY(workersMutex_) = 0;
   std::uint64_t ended_ GUARDED_BY(workersMutex_) = 0;
 
-  mutable Mutex mutex_;  // guards the tables and the thread's handle; never waited for by a pass
+  mutable Mutex mutex_{LockClass::kRemoteTables};  // guards the tables and the thread's handle;
+                                                   // never waited for by a pass
   std::unique_ptr<tthread::thread> thread_ GUARDED_BY(mutex_);
   std::int64_t period_ GUARDED_BY(mutex_);
   Controllers controllers_ GUARDED_BY(mutex_);
@@ -105,7 +106,7 @@ class RemoteArchiveSource {
 
   // One pass at a time: whoever finds another one under way makes none.
   std::atomic<bool> inPass_{false};
-  mutable Mutex passMutex_;  // held for a whole pass; before mutex_
+  mutable Mutex passMutex_{LockClass::kRemotePass};  // held for a whole pass; before mutex_
   std::map<std::int32_t, std::unique_ptr<RemoteExchange>> exchanges_ GUARDED_BY(passMutex_);
   std::uint64_t seenVersion_ GUARDED_BY(passMutex_) = 0;
   bool hasMore_ GUARDED_BY(passMutex_) = false;  // the last pass left pages unasked for

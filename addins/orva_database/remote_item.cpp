@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "host/host_time.h"
 #include "host/trace.h"
 #include "host/vm_info.h"
 #include "orva_database/remote_value.h"
@@ -47,7 +46,7 @@ bool RemoteItem::hasRoom() {
 // Whether there is a local item that archives. One that was stopped has a successor.
 bool RemoteItem::findPin() {
   if (pin_ && !pin_->stopped()) return true;
-  const std::int64_t now = getInt64FileTime();
+  const std::int64_t now = Signal::elapsed();
   const std::int64_t since = now - lookedUpAt_;
   if (unresolved_ && since >= 0 && since < kLookUpTicks) return false;
   lookedUpAt_ = now;

@@ -21,6 +21,8 @@ void callGuarded(const Request::Completion& callback, const SharedRequest& reque
 }
 }  // namespace
 
+std::atomic<std::uint64_t> Request::archivesEpoch_{0};
+
 Request::~Request() = default;
 
 const boost::shared_ptr<Request::Item>& Request::addItem(std::int64_t id) {

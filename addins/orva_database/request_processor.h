@@ -76,8 +76,8 @@ class RequestProcessor : public CRequestProcessor<RequestProcessor> {
   StatusCode ReadNewRecords(const json::Value& request, ReplyWriter& reply, int budget)
       REQUIRES(methodMutex_);
 
-  Mutex methodMutex_;  // held for a whole method
-  Mutex asyncMutex_;   // after methodMutex_; held while archives are asked
+  Mutex methodMutex_{LockClass::kMethod};     // held for a whole method
+  Mutex asyncMutex_{LockClass::kAsyncReads};  // after methodMutex_; held while archives are asked
   AsyncReads asyncReads_ GUARDED_BY(asyncMutex_);
 };
 

@@ -1,6 +1,7 @@
 #include "orva_database/write_data_fb.h"
 
 #include <atomic>
+#include <cstring>
 #include <limits>
 
 #include "host/global_params.h"
@@ -120,6 +121,17 @@ void WriteDataFB::Execute() {
   if (sample->time == 0) sample->time = now;
   if (isPositiveInfinity(sample->value)) return;
   push(sample);
+}
+
+// No input, and not in the metadata: programs cannot set it.
+int WriteDataFB::getField(lua_State* state) {
+  if (lua_type(state, -1) != LUA_TSTRING || std::strcmp(lua_tostring(state, -1), "Crowded") != 0) {
+    return BaseFB::getField(state);
+  }
+  bool crowded = false;
+  orva::lua::guarded(kBlockName, "Crowded", [&] { crowded = pin && pin->crowded(); });
+  lua_pushboolean(state, crowded);
+  return 1;
 }
 
 // The value is copied, not moved: what is kept in `lastValue` is the shutdown sample.

@@ -18,6 +18,8 @@ namespace orva::archive {
 //   local fb = ArchiveProc.new{Id = 7, UseArchiveParams = true, WriteByChange = true}
 //   fb.Value = 21.5       -- or DataValue{Value = 21.5, SourceTime = ms, Status = code}
 //   fb()                  -- one sample, archived if the item's filter lets it through
+//   fb.Crowded            -- true: an archive's write buffer is half full or more; whoever gets its
+//                            values from a place that keeps them should wait
 //
 // Id, Path and the filter inputs count as they are when the block is made. Periods are in ticks of
 // 100 ns. "UseArchiveParams" true means that the block's own inputs replace the archive's filter,
@@ -41,6 +43,7 @@ class WriteDataFB final : public BaseFB<WriteDataFB> {
 
   void Inited() override;
   void Execute() override;
+  int getField(lua_State* state) override;
 
  private:
   // The filter inputs as Inited() read them.

@@ -9,6 +9,7 @@
 
 #include "host/archive_rec.h"
 #include "host/opcua_variant.h"
+#include "share/live_count.h"
 
 namespace orva::aggregation {
 
@@ -28,7 +29,7 @@ class Quality {
 // One archived sample. Shared by everyone who holds it through PinPtr, and unchanged once it was
 // handed to anybody else. The count of its holders is inside, so that a sample is one allocation
 // of 32 bytes and a reference to it one pointer.
-struct Pin : boost::intrusive_ref_counter<Pin, boost::thread_safe_counter> {
+struct Pin : boost::intrusive_ref_counter<Pin, boost::thread_safe_counter>, LiveCount<Pin> {
   Pin() = default;
   explicit Pin(const ArchiveRec& rec) : time(rec.time), value(rec.value) { quality = rec.status; }
 

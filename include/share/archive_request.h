@@ -16,6 +16,7 @@
 
 #include "host/pin.h"
 #include "share/json.h"
+#include "share/live_count.h"
 #include "share/mutex.h"
 #include "share/orva_export.h"
 #include "share/signal.h"
@@ -32,7 +33,7 @@ namespace orva::archive {
 
 class Sampling;
 
-class ORVA_API Request : public boost::enable_shared_from_this<Request> {
+class ORVA_API Request : public boost::enable_shared_from_this<Request>, public LiveCount<Request> {
  public:
   struct ORVA_API Options {
     bool returnBounds = false;          // also the samples next to the range
@@ -97,10 +98,24 @@ class ORVA_API Request : public boost::enable_shared_from_this<Request> {
   // Notified at completion.
   Signal& completed() { return completed_; }
 
+  // ---- for the manager
+  // Archives that end answer nothing, which must not be taken for no data: an item that becomes
+  // final after the archives began to end, or was asked for while they did, says 0x809E0000.
+  static void archivesBeginToEnd() { ++archivesEpoch_; }
+  static void archivesHaveEnded() { ++archivesEpoch_; }
+  // The request is about to be asked of the archives that there are.
+  void noteArchives() { epoch_ = archivesEpoch_.load(); }
+  bool archivesEnd() const {
+    return epoch_ != kNotHandedOver && (epoch_ % 2 != 0 || epoch_ != archivesEpoch_.load());
+  }
+
  private:
+  static constexpr std::uint64_t kNotHandedOver = UINT64_MAX;
+  static std::atomic<std::uint64_t> archivesEpoch_;  // odd while archives end
   void completeNow() EXCLUDES(callbackMutex_);
 
   const std::int64_t tag_;
+  std::uint64_t epoch_ = kNotHandedOver;        // unchanged once handed over
   std::vector<boost::shared_ptr<Item>> items_;  // unchanged once handed over
   std::atomic<StatusCode> status_{status::kBadWaiting};
   std::atomic<std::uint32_t> finalized_{0};
@@ -113,7 +128,8 @@ class ORVA_API Request : public boost::enable_shared_from_this<Request> {
 
 // The answer for one item. Lock: the item's own mutex, a leaf, taken per call; nothing is called
 // out while it is held.
-class ORVA_API Request::Item : public boost::enable_shared_from_this<Request::Item> {
+class ORVA_API Request::Item : public boost::enable_shared_from_this<Request::Item>,
+                               public LiveCount<Request::Item> {
  public:
   class Interval;
   using Position = PinList::iterator;
@@ -220,7 +236,8 @@ class ORVA_API Request::Item : public boost::enable_shared_from_this<Request::It
 // while you push or finalise. Keep a shared reference as long as you work on it. Whatever comes
 // after finalize(), or for a reader that went away, is ignored.
 class ORVA_API Request::Item::Interval
-    : public boost::enable_shared_from_this<Request::Item::Interval> {
+    : public boost::enable_shared_from_this<Request::Item::Interval>,
+      public LiveCount<Request::Item::Interval> {
  public:
   enum class Kind {
     range,   // every sample of the stretch

@@ -22,6 +22,7 @@ constexpr StatusCode kBadNothingResolved = 0x80420000;
 constexpr StatusCode kBadInvalidArgument = 0x805A0000;
 constexpr StatusCode kBadTypeMismatch = 0x80740000;
 constexpr StatusCode kBadNotSupported = 0x80750000;
+constexpr StatusCode kBadDataUnavailable = 0x809E0000;  // an archive cannot be read now
 constexpr StatusCode kBadRequest = 0x80B60000;
 }  // namespace status
 

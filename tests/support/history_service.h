@@ -41,7 +41,8 @@ class HistoryService {
   ManualClock clock;
   TraceCapture traces;
 
-  ScriptedProvider& archive() { return factory_.provider(0); }
+  // The one that is there now.
+  ScriptedProvider& archive() { return factory_.last(); }
 
   // A variable the host knows.
   void addVariable(std::int64_t id, const std::string& path);

@@ -93,6 +93,7 @@ void answer(const SharedInterval& interval, const std::vector<PinPtr>& samples,
 struct ScriptedProvider::Writer : archive::ILayerWriter {
   Writer(ScriptedProvider& p, LayerKey k) : provider(p), key(std::move(k)) {}
   void write(const PinPtr& pin) override { provider.write(key, pin); }
+  bool crowded() const override { return provider.crowded(); }
 
   ScriptedProvider& provider;
   const LayerKey key;
@@ -131,6 +132,11 @@ void ScriptedProvider::setHolds(bool holds) {
 void ScriptedProvider::setHandleThrows(bool throws) {
   MutexLock lock(mutex_);
   handleThrows_ = throws;
+}
+
+void ScriptedProvider::onCrowded(std::function<bool()> hook) {
+  MutexLock lock(mutex_);
+  onCrowded_ = std::move(hook);
 }
 
 void ScriptedProvider::onLayerWriter(std::function<void(const ItemKey&)> hook) {
@@ -426,6 +432,15 @@ void ScriptedProvider::write(const LayerKey& key, const PinPtr& pin) {
   if (!storesWrites_) return;
   std::vector<PinPtr>& samples = stored.samples;
   samples.insert(std::upper_bound(samples.begin(), samples.end(), pin, earlier), pin);
+}
+
+bool ScriptedProvider::crowded() const {
+  std::function<bool()> hook;
+  {
+    MutexLock lock(mutex_);
+    hook = onCrowded_;
+  }
+  return hook && hook();
 }
 
 void ScriptedProvider::loadFilter(const json::Value& filter) {

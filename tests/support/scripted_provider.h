@@ -96,6 +96,8 @@ class ScriptedProvider : public archive::IDataArchiveProc, public archive::IData
   // Called first in every read() or write(), start(), stop(); null for nothing.
   void onRead(std::function<void(const archive::SharedInterval&)> hook);
   void onWrite(std::function<void(const archive::ItemKey&, std::int32_t, const PinPtr&)> hook);
+  // What a layer writer's crowded() gives; null for false.
+  void onCrowded(std::function<bool()> hook);
   // Runs inside layerWriter(), which throws what it throws.
   void onLayerWriter(std::function<void(const archive::ItemKey&)> hook);
   void onStart(std::function<void()> hook);
@@ -165,6 +167,7 @@ class ScriptedProvider : public archive::IDataArchiveProc, public archive::IData
   };
 
   void write(const LayerKey& key, const PinPtr& pin);
+  bool crowded() const;
   std::uint32_t knowItem(const archive::ItemKey& key) REQUIRES(mutex_);
   std::vector<PinPtr> lookUp(const archive::Interval& interval) const REQUIRES(mutex_);
   Script nextScript() REQUIRES(mutex_);
@@ -194,6 +197,7 @@ class ScriptedProvider : public archive::IDataArchiveProc, public archive::IData
   std::function<void(const archive::SharedInterval&)> onRead_ GUARDED_BY(mutex_);
   std::function<void(const archive::ItemKey&, std::int32_t, const PinPtr&)> onWrite_
       GUARDED_BY(mutex_);
+  std::function<bool()> onCrowded_ GUARDED_BY(mutex_);
   std::function<void(const archive::ItemKey&)> onLayerWriter_ GUARDED_BY(mutex_);
   std::function<void()> onStart_ GUARDED_BY(mutex_);
   std::function<void()> onStop_ GUARDED_BY(mutex_);

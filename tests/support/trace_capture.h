@@ -28,7 +28,7 @@ class TraceCapture final : public host::TraceHook {
   void onLine(const host::TraceLine& line) override EXCLUDES(mutex_);
 
  private:
-  mutable Mutex mutex_;  // leaf
+  mutable Mutex mutex_{LockClass::kTraceHook};
   std::vector<host::TraceLine> lines_ GUARDED_BY(mutex_);
 };
 

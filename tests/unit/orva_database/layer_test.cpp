@@ -72,6 +72,33 @@ TEST_F(LayerTest, InitialisedAgainItBeginsAnewWithTheNewWriter) {
   EXPECT_EQ(timesOf(other.written), (Times{4}));
 }
 
+// ---- entries of blocks that are gone
+
+TEST_F(LayerTest, WhatIsKnownOfBlocksThatAreGoneLeavesThoughNobodyReads) {
+  constexpr std::int64_t kBlocks = 2000;
+  Layer::storage = BlockStorage::make(40);
+  makeSmall(10);
+  makeLayer();
+  for (std::int64_t time = 1; time <= 10 * kBlocks; ++time) append({time});
+  EXPECT_LE(blocks().size(), 41U);
+  EXPECT_LE(keys().size(), 70U);
+  const Times whole = readPages({1, 10 * kBlocks, 1000}, writer.written);
+  EXPECT_EQ(whole, timesOf(writer.written));
+}
+
+TEST_F(LayerTest, WhatIsKnownOfBlocksThatReadsBroughtLeavesAfterThem) {
+  constexpr std::int64_t kBlocks = 2000;
+  Layer::storage = BlockStorage::make(40);
+  makeSmall(10);
+  makeLayer();
+  std::vector<PinPtr> archive;
+  for (std::int64_t time = 1; time <= 10 * kBlocks; ++time) archive.push_back(sample(time));
+  append({10 * kBlocks + 1});
+  const Times whole = readPages({1, 10 * kBlocks, 100}, archive);
+  EXPECT_EQ(whole, timesOf(archive));
+  EXPECT_LE(keys().size(), 150U);
+}
+
 // ---- new samples
 
 TEST_F(LayerTest, SampleGoesToTheCacheAndToTheWriter) {

@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <new>
 #include <string>
 
 #include "orva_database/proxy_old_archive_api.h"
 #include "support/archive_fixture.h"
+#include "support/failing_allocations.h"
 #include "support/history_service.h"
 #include "support/trace_capture.h"
 
@@ -14,20 +14,7 @@
 namespace orva {
 namespace {
 
-// The thread's allocations that still succeed; negative: all.
-thread_local long allocationsLeft = -1;
-
-template <class Call>
-void withAllocations(long count, const Call& call) {
-  allocationsLeft = count;
-  try {
-    call();
-  } catch (...) {
-    allocationsLeft = -1;
-    throw;
-  }
-  allocationsLeft = -1;
-}
+using test::withAllocations;
 
 // ---- the older archive interface
 
@@ -143,27 +130,4 @@ TEST(AsyncOutOfMemoryTest, AReadThatCouldNotBeAskedForIsNotWaitedFor) {
 
 }  // namespace
 
-// What the unit tests' allocations go through.
-void* allocateOrThrow(std::size_t size) {
-  if (allocationsLeft == 0) throw std::bad_alloc();
-  if (allocationsLeft > 0) --allocationsLeft;
-  void* memory = std::malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-
 }  // namespace orva
-
-void* operator new(std::size_t size) { return orva::allocateOrThrow(size); }
-void* operator new[](std::size_t size) { return orva::allocateOrThrow(size); }
-// Without these, memory of the sanitizer's own would come to free().
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return std::malloc(size == 0 ? 1 : size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return std::malloc(size == 0 ? 1 : size);
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }

@@ -642,6 +642,24 @@ TEST_F(WriteDataFbTest, ABlockWhoseItemIsGoneForAWhileBindsItselfWhenItIsBack) {
   EXPECT_EQ(written(7).size(), 1U);
 }
 
+TEST_F(WriteDataFbTest, AProgramSeesThatAnArchiveAsksToWait) {
+  run("fb = ArchiveProc.new{Id = 7} assert(fb.Crowded == false)");
+  factory_.last().onCrowded([] { return true; });
+  run("assert(fb.Crowded == true)");
+  run("assert(ArchiveProc.new{Id = 10}.Crowded == false, 'not archived')");
+  EXPECT_NE(failure("fb.Crowded = false"), "");
+  manager().clear();
+  run("assert(fb.Crowded == false, 'no archives')");
+}
+
+TEST_F(WriteDataFbTest, AnArchiveThatThrowsWhenItIsAskedForRoomIsNotCrowded) {
+  run("fb = ArchiveProc.new{Id = 7}");
+  factory_.last().onCrowded([]() -> bool { throw std::runtime_error("no idea"); });
+  test::TraceCapture trace;
+  run("assert(fb.Crowded == false)");
+  EXPECT_EQ(trace.count("ArchiveProc: Crowded failed: no idea\n"), 1);
+}
+
 TEST_F(WriteDataFbTest, WhatAnArchiveThrowsIsTracedAndDoesNotReachTheProgram) {
   run("fb = ArchiveProc.new{Id = 7, Value = 1} fb()");
   factory_.last().onWrite([](const ItemKey&, std::int32_t, const PinPtr&) {
