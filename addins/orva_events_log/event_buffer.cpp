@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "host/host_time.h"
+#include "share/signal.h"
 
 namespace orva::events_log {
 namespace {
@@ -54,7 +55,7 @@ void EventBuffer::lose(std::uint64_t count) {
 }
 
 void EventBuffer::noteLoss(std::uint64_t count, std::int64_t time) {
-  if (isEmpty()) since_ = getInt64FileTime();
+  if (isEmpty()) since_ = Signal::elapsed();
   pendingLoss_ += count;
   lost_ += count;
   lossTime_ = time;
@@ -67,7 +68,7 @@ void EventBuffer::writeLoss() {
 }
 
 void EventBuffer::append(Event event) {
-  if (isEmpty()) since_ = getInt64FileTime();
+  if (isEmpty()) since_ = Signal::elapsed();
   waiting_.push_back(std::move(event));
 }
 
@@ -81,8 +82,7 @@ bool EventBuffer::empty() const {
 bool EventBuffer::batchIsDue(std::int64_t now, std::int64_t period) const {
   MutexLock lock(mutex_);
   if (isEmpty()) return false;
-  // A clock that was set back must not keep events from the disk.
-  return waiting_.size() >= wakeAt_ || now - since_ >= period || now < since_;
+  return waiting_.size() >= wakeAt_ || now - since_ >= period;
 }
 
 std::int64_t EventBuffer::waitingSince() const {

@@ -47,7 +47,8 @@ class EventLog final : public archive::IEventsArchiveProc, private HostEventList
   sqlite::TraceLimit lossTrace_;
   bool listens_ = false;  // for start() first, then for the thread, then for stop()
   std::atomic<bool> ending_{false};
-  Mutex mutex_;  // held while the thread is joined: a second stop() returns when all is written
+  Mutex mutex_{LockClass::kProvider};  // held while the thread is joined: a second stop() returns
+                                       // when all is written
   std::unique_ptr<tthread::thread> thread_ GUARDED_BY(mutex_);
   bool started_ GUARDED_BY(mutex_) = false;
   bool stopped_ GUARDED_BY(mutex_) = false;

@@ -41,14 +41,18 @@ bool EventWriter::failed(const char* doing) {
   // Otherwise a connection that begins anew knows the state of the file.
   if (!store_.db().isHarmless()) store_.close();
   store_.db().clearFailure();
-  failedAt_ = getInt64FileTime();
+  failedAt_ = Signal::elapsed();
   problems_.failed(problem);
   return false;
 }
 
 void EventWriter::succeeded() {
   failedAt_ = 0;
-  problems_.works();
+  if (store_.space().logProblem().empty()) {
+    problems_.works();
+  } else {
+    problems_.failed(store_.space().logProblem());
+  }
 }
 
 bool EventWriter::open() {
@@ -64,13 +68,15 @@ bool EventWriter::open() {
     problems_.opened();
     return true;
   }
-  failedAt_ = getInt64FileTime();
+  failedAt_ = Signal::elapsed();
   return false;
 }
 
-// What cannot be read is moved aside, so that there is a log whatever stood there.
+// What cannot be read is moved aside, so that there is a log whatever stood there; but not for one
+// look that went wrong.
 bool EventWriter::openFile() {
-  for (int attempt = 0; attempt < 2; ++attempt) {
+  bool doubted = false;
+  for (int attempt = 0; attempt < 3; ++attempt) {
     const sqlite::Opened opened = store_.open(location_.file(), doubtful_);
     if (opened == sqlite::Opened::kReady) {
       doubtful_ = false;
@@ -85,8 +91,10 @@ bool EventWriter::openFile() {
       problems_.cannotOpen("cannot be opened: " + problem);
       return false;
     }
-    if (!moveAside()) return false;
+    if (doubted && !moveAside()) return false;
+    doubted = !doubted;
   }
+  problems_.cannotOpen("cannot be read");
   return false;
 }
 
@@ -120,9 +128,10 @@ bool EventWriter::writeBatch() {
 
 // ---- cleaning up
 
-void EventWriter::startCleanUp(std::int64_t now) {
+void EventWriter::startCleanUp(std::int64_t elapsed) {
   constexpr std::int64_t kEarliest = std::numeric_limits<std::int64_t>::min();
-  cleanedAt_ = now;
+  cleanedAt_ = elapsed;
+  const std::int64_t now = ageClock_.timeOfCleanUp(getInt64FileTime(), elapsed);
   cleaning_ = limits_.maxTime > 0 ? Cleaning::kAge : Cleaning::kSize;
   cleanBefore_ = now < kEarliest + std::max<std::int64_t>(0, limits_.maxTime)
                      ? kEarliest
@@ -162,11 +171,14 @@ bool EventWriter::cleanUp() {
 // ---- the loop's body
 
 std::int64_t EventWriter::pass() {
-  const std::int64_t now = getInt64FileTime();
-  const bool waits = failedAt_ != 0 && now >= failedAt_ && now - failedAt_ < retryTicks_;
+  const std::int64_t now = Signal::elapsed();
+  const bool waits = failedAt_ != 0 && now - failedAt_ < retryTicks_;
   if (waits) return ticksToNext(now);
   if (!store_.isOpen() && !open()) return ticksToNext(now);
-  if (cleanedAt_ == 0 || now < cleanedAt_) cleanedAt_ = now;
+  if (cleanedAt_ == 0) {
+    cleanedAt_ = now;
+    ageClock_.timeOfCleanUp(getInt64FileTime(), now);
+  }
   if (!batch_.empty() || buffer_.batchIsDue(now, limits_.writePeriod)) {
     if (writeBatch()) return 0;
   } else if (cleaning_ != Cleaning::kNot) {

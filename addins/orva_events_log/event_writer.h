@@ -8,6 +8,7 @@
 #include "orva_events_log/event_buffer.h"
 #include "orva_events_log/event_store.h"
 #include "share/archive_configs.h"
+#include "sqlite_base/age_clock.h"
 #include "sqlite_base/location.h"
 #include "sqlite_base/problem_log.h"
 
@@ -38,7 +39,7 @@ class EventWriter {
   bool moveAside();
   bool writeBatch();
   bool cleanUp();
-  void startCleanUp(std::int64_t now);
+  void startCleanUp(std::int64_t elapsed);
   bool failed(const char* doing);
   void succeeded();
   std::int64_t ticksToNext(std::int64_t now) const;
@@ -49,10 +50,12 @@ class EventWriter {
   EventBuffer& buffer_;
   sqlite::ProblemLog problems_;
   EventStore store_;
-  std::vector<Event> batch_;      // taken from the buffer, not known to be in the file
-  std::int64_t batchId_ = 0;      // number of its first event when it was tried last, 0 untried
-  std::int64_t failedAt_ = 0;     // when something failed, 0 when nothing has to be tried again
-  std::int64_t cleanedAt_ = 0;    // when the last clean-up began
+  std::vector<Event> batch_;  // taken from the buffer, not known to be in the file
+  std::int64_t batchId_ = 0;  // number of its first event when it was tried last, 0 untried
+  // Times are those of Signal::elapsed().
+  std::int64_t failedAt_ = 0;   // when something failed, 0 when nothing has to be tried again
+  std::int64_t cleanedAt_ = 0;  // when the last clean-up began
+  sqlite::AgeClock ageClock_;
   std::int64_t cleanBefore_ = 0;  // what is older goes
   enum class Cleaning { kNot, kAge, kSize } cleaning_ = Cleaning::kNot;
   bool doubtful_ = false;  // the file was unreadable in use: check it whole before going on

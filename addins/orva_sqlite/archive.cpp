@@ -122,6 +122,7 @@ void Archive::open() {
   } catch (const std::exception& error) {
     OpcUa_Trace_Imp(kTraceError, "<--ReturnError: sqlite start throws: %s\n", __FILE__, __LINE__,
                     error.what());
+    worker_.interrupted();
   }
 }
 
@@ -134,6 +135,7 @@ void Archive::work() {
     } catch (const std::exception& error) {
       OpcUa_Trace_Imp(kTraceError, "<--ReturnError: sqlite worker throws: %s\n", __FILE__, __LINE__,
                       error.what());
+      worker_.interrupted();
       ticks = kTicksPerSecond;
     }
     progress_.notify();
@@ -146,12 +148,18 @@ void Archive::shutDown() {
   wake_.notify();
 }
 
+// A lack of memory may be over at the next attempt.
 void Archive::close() {
-  try {
-    worker_.finish();
-  } catch (const std::exception& error) {
-    OpcUa_Trace_Imp(kTraceError, "<--ReturnError: sqlite stop throws: %s\n", __FILE__, __LINE__,
-                    error.what());
+  constexpr int kAttempts = 3;
+  for (int i = 0; i < kAttempts; ++i) {
+    try {
+      worker_.finish();
+      return;
+    } catch (const std::exception& error) {
+      OpcUa_Trace_Imp(kTraceError, "<--ReturnError: sqlite stop throws: %s\n", __FILE__, __LINE__,
+                      error.what());
+      worker_.interrupted();
+    }
   }
 }
 

@@ -15,16 +15,23 @@ Item& Catalog::add(const archive::ItemKey& key) {
   auto item = std::make_unique<Item>();
   item->key = key;
   item->handle = static_cast<std::uint32_t>(byHandle_.size() + 1);
+  Item& added = *item;
   byHandle_.push_back(std::move(item));
-  byKey_.emplace(key, byHandle_.back().get());
-  return *byHandle_.back();
+  try {
+    byKey_.emplace(key, &added);
+  } catch (...) {
+    byHandle_.pop_back();
+    throw;
+  }
+  return added;
 }
 
 Stream& Catalog::addStream(Item& item, std::int32_t layer) {
   MutexLock lock(mutex_);
-  std::unique_ptr<Stream>& stream = item.layers[layer];
-  if (!stream) stream = std::make_unique<Stream>(intake_, item, layer);
-  return *stream;
+  const auto known = item.layers.find(layer);
+  if (known != item.layers.end()) return *known->second;
+  auto stream = std::make_unique<Stream>(intake_, item, layer);
+  return *item.layers.emplace(layer, std::move(stream)).first->second;
 }
 
 std::vector<Stream*> Catalog::streamsOf(std::uint32_t handle, std::int32_t layer) const {

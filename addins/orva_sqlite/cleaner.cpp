@@ -104,7 +104,9 @@ bool Cleaner::finishStep(std::size_t deleted) {
   counters_.deleted += deleted;
   if (phase_ == Phase::kSize && maxTime_ > 0) damage_.forgetBefore(cutoff_);
   for (Stream* const stream : touched_) {
-    stream->stored = writer_.spanOf(fileKey(*stream));
+    const Span span = writer_.spanOf(fileKey(*stream));
+    // A span that is too large costs a look, one that is too small hides samples.
+    stream->stored = store_.db().failed() ? buffer_.stored(*stream) : span;
     buffer_.setStored(*stream, stream->stored);
   }
   return !store_.db().failed();

@@ -5,12 +5,13 @@
 #include "host/threads.h"
 #include "orva_sqlite/archive.h"
 #include "share/archive_provider.h"
+#include "share/live_count.h"
 #include "share/mutex.h"
 
 namespace orva::sqlite {
 
 // One configured archive and the thread that writes it.
-class Provider final : public archive::IDataArchiveProc {
+class Provider final : public archive::IDataArchiveProc, public LiveCount<Provider> {
  public:
   Provider(const archive::ArchiveCfg& limits, const archive::ConnectionCfg& connection);
   // On whatever thread; stops what was not stopped.
@@ -28,7 +29,8 @@ class Provider final : public archive::IDataArchiveProc {
   static void run(void* self);
 
   Archive archive_;
-  Mutex mutex_;  // held while the thread is joined: a second stop() returns when all is written
+  Mutex mutex_{LockClass::kProvider};  // held while the thread is joined: a second stop() returns
+                                       // when all is written
   std::unique_ptr<tthread::thread> thread_ GUARDED_BY(mutex_);
   bool started_ GUARDED_BY(mutex_) = false;
   bool stopped_ GUARDED_BY(mutex_) = false;

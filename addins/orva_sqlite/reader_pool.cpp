@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <new>
 #include <utility>
 
 namespace orva::sqlite {
@@ -58,7 +59,11 @@ void ReaderPool::giveBack(std::unique_ptr<FileReader> reader) {
   if (!reader || reader->db.failed()) return;
   MutexLock lock(mutex_);
   if (isOpen_ && reader->generation == generation_ && idle_.size() < keep_) {
-    idle_.push_back(std::move(reader));
+    try {
+      idle_.push_back(std::move(reader));
+    } catch (const std::bad_alloc&) {
+      // It is closed instead: readers are given back where nothing may throw.
+    }
   }
 }
 

@@ -39,6 +39,7 @@ SegmentTable::SegmentTable(Database& db)
              "WHERE handle = ?1 AND layer = ?2 AND (first, seq) > (?3, ?4) "
              "ORDER BY first, seq LIMIT 1"),
       exists_(db, "SELECT 1 FROM segment WHERE id = ?1"),
+      holds_(db, "SELECT 1 FROM segment WHERE id = ?1 AND last = ?2 AND count = ?3"),
       byId_(db, "SELECT id, first, seq, last, count, data FROM segment WHERE id = ?1"),
       nextStream_(db,
                   "SELECT handle, layer FROM segment WHERE (handle, layer) > (?1, ?2) "
@@ -46,7 +47,7 @@ SegmentTable::SegmentTable(Database& db)
 
 bool SegmentTable::prepare() {
   return forward_.prepare() && backward_.prepare() && after_.prepare() && exists_.prepare() &&
-         byId_.prepare() && nextStream_.prepare();
+         holds_.prepare() && byId_.prepare() && nextStream_.prepare();
 }
 
 void SegmentTable::finalize() {
@@ -54,6 +55,7 @@ void SegmentTable::finalize() {
   backward_.finalize();
   after_.finalize();
   exists_.finalize();
+  holds_.finalize();
   byId_.finalize();
   nextStream_.finalize();
 }
@@ -100,6 +102,11 @@ std::int64_t SegmentTable::beginFor(const StreamKey& key, std::int64_t start) {
 bool SegmentTable::exists(std::int64_t id) {
   Query query(exists_);
   return query.bind(id).row();
+}
+
+bool SegmentTable::holds(const Segment& segment) {
+  Query query(holds_);
+  return query.bind(segment.id).bind(segment.last).bind(segment.count).row();
 }
 
 Decoded SegmentTable::load(std::int64_t id, SegmentDecoder& decoder, Columns& out) {

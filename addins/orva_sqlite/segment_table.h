@@ -67,6 +67,9 @@ class SegmentTable {
   // reach into the stretch.
   std::int64_t beginFor(const StreamKey& key, std::int64_t start);
   bool exists(std::int64_t id);
+  // Whether this very row is there: the file may be another one than that it was read from. The
+  // time of its first sample is not asked for, since that may come from a damaged index.
+  bool holds(const Segment& segment);
   Decoded load(std::int64_t id, SegmentDecoder& decoder, Columns& out);
 
   // The first stream whose key is greater than `key`.
@@ -77,6 +80,7 @@ class SegmentTable {
   Statement backward_;
   Statement after_;
   Statement exists_;
+  Statement holds_;
   Statement byId_;
   Statement nextStream_;
 };

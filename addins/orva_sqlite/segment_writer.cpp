@@ -70,6 +70,65 @@ void SegmentWriter::append(Stream& stream, Columns& samples) {
   insertPieces(stream, samples, 0, samples.size(), place);
 }
 
+void SegmentWriter::extend(Stream& stream, Columns& samples) {
+  samples.sortByTime();
+  const StreamKey key = fileKey(stream);
+  const std::optional<Segment> newest = rowAt(key, kLatest);
+  if (!newest || isFull(*newest) || samples.times.front() < newest->last) {
+    return append(stream, samples);
+  }
+  if (store_.segments().load(newest->id, store_.decoder(), joined_) != Decoded::kGood) {
+    return append(stream, samples);
+  }
+  joined_.append(samples, 0, samples.size());
+  Place place;
+  place.base = newest;
+  place.replaces = true;
+  store_.remove(newest->id);
+  insertPieces(stream, joined_, 0, joined_.size(), place);
+}
+
+std::vector<Segment> SegmentWriter::rowsMeeting(const StreamKey& key, std::int64_t from,
+                                                std::int64_t to) {
+  std::vector<Segment> rows;
+  SegmentTable::Cursor cursor =
+      store_.segments().forward(key, store_.segments().beginFor(key, from));
+  while (cursor.next() && cursor.segment().first <= to) {
+    if (cursor.segment().last >= from) rows.push_back(cursor.segment());
+  }
+  return rows;
+}
+
+void SegmentWriter::replace(Stream& stream, std::int64_t from, std::int64_t to,
+                            const Columns& samples) {
+  const StreamKey key = fileKey(stream);
+  const std::vector<Segment> rows = rowsMeeting(key, from, to);
+  Columns before;  // in the end all of it
+  Columns after;
+  Place place;
+  for (const Segment& row : rows) {
+    const Decoded how = store_.segments().load(row.id, store_.decoder(), loaded_);
+    if (store_.db().failed()) return;
+    if (how != Decoded::kGood) {
+      setApart(stream, row, how);
+      continue;
+    }
+    const std::size_t begin = firstNotBefore(loaded_, 0, from);
+    const std::size_t end = to == kLatest ? loaded_.size() : firstNotBefore(loaded_, begin, to + 1);
+    before.append(loaded_, 0, begin);
+    after.append(loaded_, end, loaded_.size());
+    if (!place.base) place.base = row;
+    store_.remove(row.id);
+  }
+  before.append(samples, 0, samples.size());
+  before.append(after, 0, after.size());
+  if (before.empty()) return;
+  if (!place.base) return extend(stream, before);
+  place.replaces = true;
+  place.next = store_.segments().after(key, rows.back());
+  insertPieces(stream, before, 0, before.size(), place);
+}
+
 // The row behind which, or into which, a sample of this time goes.
 std::optional<Segment> SegmentWriter::rowAt(const StreamKey& key, std::int64_t time) {
   SegmentTable::Cursor cursor = store_.segments().backward(key, time);

@@ -22,11 +22,20 @@ class SegmentWriter {
   // are put into the segments they fall into.
   void append(Stream& stream, Columns& samples);
 
+  // The same for samples that come in bulk: those newer than all before fill the newest segment up.
+  void extend(Stream& stream, Columns& samples);
+  // Puts samples in ascending time in the place of all those from `from` to `to`, both included.
+  void replace(Stream& stream, std::int64_t from, std::int64_t to, const Columns& samples);
+
   // Whether enough small segments may have come together for mergeSmall() to look.
   static bool mayMerge(const Stream& stream);
   // Joins the small segments at the end of which new ones were added, where enough of them have
   // come together, or all of them. Returns how many samples were rewritten.
   std::size_t mergeSmall(Stream& stream, bool all = false);
+
+  // Puts neighbouring rows, oldest first, into as few as their samples need; how many samples that
+  // were.
+  std::size_t mergeRows(Stream& stream, const std::vector<Segment>& rows);
 
   // Deletes the oldest samples of a stream: those before `cutoff`, `budget` at most, never the
   // newest sample. Returns how many.
@@ -52,7 +61,7 @@ class SegmentWriter {
                             const std::optional<Segment>& before);
   std::optional<Segment> rowAt(const StreamKey& key, std::int64_t time);
   std::vector<Segment> smallRows(const Stream& stream);
-  std::size_t mergeRows(Stream& stream, const std::vector<Segment>& rows);
+  std::vector<Segment> rowsMeeting(const StreamKey& key, std::int64_t from, std::int64_t to);
   std::size_t deleteFrom(const Stream& stream, const Segment& row, std::size_t count);
   // Sets a row apart that does not decode.
   void setApart(const Stream& stream, const Segment& row, Decoded how);

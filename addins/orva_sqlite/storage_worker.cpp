@@ -1,7 +1,10 @@
 #include "orva_sqlite/storage_worker.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <limits>
+#include <system_error>
+#include <tuple>
 
 #include "host/host_time.h"
 #include "host/trace.h"
@@ -16,6 +19,14 @@ namespace {
 constexpr std::size_t kMergeSamples = 50000;
 // How long until setting damage apart, which failed, is tried again.
 constexpr long long kRepeatTicks = 60 * kTicksPerSecond;
+
+constexpr int kCorrupt = 11;  // SQLite's code for content that is wrong
+
+// Whether a file stands there that has lost its content, or never got any.
+bool isEmptied(const std::string& file) {
+  std::error_code error;
+  return std::filesystem::is_regular_file(file, error) && std::filesystem::is_empty(file, error);
+}
 
 std::int64_t bytesOfMegabytes(std::uint32_t megabytes) {
   return std::int64_t{megabytes} * 1'000'000;
@@ -56,13 +67,17 @@ void StorageWorker::failed(const char* doing) {
   // Otherwise a connection that begins anew knows the state of the file.
   if (!store_.db().isHarmless()) store_.close();
   store_.db().clearFailure();
-  failedAt_ = getInt64FileTime();
+  failedAt_ = Signal::elapsed();
   problems_.failed(problem);
 }
 
 void StorageWorker::succeeded() {
   failedAt_ = 0;
-  problems_.works();
+  if (store_.space().logProblem().empty()) {
+    problems_.works();
+  } else {
+    problems_.failed(store_.space().logProblem());
+  }
 }
 
 bool StorageWorker::open() {
@@ -79,29 +94,29 @@ bool StorageWorker::open() {
     problems_.opened();
     return true;
   }
-  failedAt_ = getInt64FileTime();
+  failedAt_ = Signal::elapsed();
   return false;
 }
 
 // Opens the file and learns what is in it. What cannot be read is moved aside, so that there is an
-// archive whatever stood there.
+// archive whatever stood there; but not for one look that went wrong.
 bool StorageWorker::openFile() {
-  for (int attempt = 0; attempt < 2; ++attempt) {
+  bool doubted = false;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const bool wasEmpty = isEmptied(location_.file());
     const Opened opened = store_.open(location_.file(), doubtful_);
-    if (opened == Opened::kReady && load()) {
+    const bool loaded = opened == Opened::kReady && load();
+    // Names that are missing may have been misread: their items would get others.
+    const bool misread = loaded && nameless_ && !doubted;
+    if (loaded && !misread && settleDoubt()) {
       doubtful_ = false;
-      if (store_.segments().exists(marker_)) {
-        // The transaction that was thought to have failed is in the file after all.
-        const std::size_t written = buffer_.committed(true);
-        counters_.written += written;
-        activity_.noteWrite(0, written);
-      }
+      if (wasEmpty) problems_.wasEmpty();
       readers_.open(location_.file(), parameters_.cacheKiB);
       ready_ = true;
       return true;
     }
-    const bool unreadable =
-        opened == Opened::kUnreadable || (opened == Opened::kReady && store_.db().isUnreadable());
+    const bool unreadable = misread || opened == Opened::kUnreadable ||
+                            (opened == Opened::kReady && store_.db().isUnreadable());
     const std::string problem = store_.db().failure();
     store_.close();
     store_.db().clearFailure();
@@ -109,9 +124,25 @@ bool StorageWorker::openFile() {
       problems_.cannotOpen("cannot be opened: " + problem);
       return false;
     }
-    if (!moveAside()) return false;
+    if (doubted && !moveAside()) return false;
+    doubted = !doubted;
   }
+  problems_.cannotOpen("cannot be read");
   return false;
+}
+
+// Whether the transaction that was thought to have failed is in the file after all. False when that
+// cannot be told: its samples would be written twice.
+bool StorageWorker::settleDoubt() {
+  const bool inFile = store_.segments().exists(marker_);
+  if (store_.db().failed()) return false;
+  if (inFile) {
+    const std::size_t written = buffer_.committed(true);
+    marker_ = 0;
+    counters_.written += written;
+    activity_.noteWrite(0, written);
+  }
+  return true;
 }
 
 bool StorageWorker::moveAside() {
@@ -128,6 +159,7 @@ bool StorageWorker::moveAside() {
   return true;
 }
 
+// Reads of what the file held say that it is lost, until the next start.
 void StorageWorker::forgetFile() {
   marker_ = 0;
   damage_.clear();
@@ -137,6 +169,10 @@ void StorageWorker::forgetFile() {
     item->rowStored = false;
   }
   for (Stream* const stream : catalog_.streams()) {
+    Segment lost;
+    lost.first = stream->stored.first;
+    lost.last = stream->stored.last;
+    if (!stream->stored.empty()) damage_.remember(*stream, lost);
     stream->stored = Span();
     buffer_.setStored(*stream, Span());
   }
@@ -144,6 +180,7 @@ void StorageWorker::forgetFile() {
 
 bool StorageWorker::load() {
   byRow_.clear();
+  nameless_ = false;
   const bool first = !ready_;
   store_.forEachItem([this](std::int64_t row, const archive::ItemKey& key) {
     Item& item = catalog_.add(key);
@@ -153,9 +190,15 @@ bool StorageWorker::load() {
   });
   StreamKey key{std::numeric_limits<std::int64_t>::min(), 0};
   while (const auto next = store_.segments().nextStream(key)) {
+    // A damaged index may lead back to where the search began, for ever.
+    if (std::tie(next->handle, next->layer) <= std::tie(key.handle, key.layer)) {
+      store_.db().note(kCorrupt, "listing what is stored: the index is out of order");
+      break;
+    }
     key = *next;
     const auto item = byRow_.find(key.handle);
     if (item == byRow_.end()) {
+      nameless_ = true;
       OpcUa_Trace_Imp(
           kTraceError, "sqlite: archive \"%s\": segments of item %lld, which has no name\n",
           __FILE__, __LINE__, location_.file().c_str(), static_cast<long long>(key.handle));
@@ -176,12 +219,15 @@ bool StorageWorker::load() {
 
 bool StorageWorker::loadStream(const StreamKey& key, Item& item) {
   Stream& stream = catalog_.addStream(item, key.layer);
-  stream.stored = writer_.spanOf(key);
+  const Span span = writer_.spanOf(key);
+  // What could not be looked up is not empty: reads would take it for that.
+  if (store_.db().failed()) return false;
+  stream.stored = span;
   // The last start may have left small segments.
   stream.freshRows = 8;
   stream.freshTo = stream.stored.last;
   buffer_.setStored(stream, stream.stored);
-  return !store_.db().failed();
+  return true;
 }
 
 // ---- writing
@@ -197,6 +243,8 @@ bool StorageWorker::writeBatch() {
 }
 
 bool StorageWorker::tryBatch() {
+  // What follows the commit must not fail.
+  mergeQueue_.reserve(mergeQueue_.size() + buffer_.batchStreams().size());
   marker_ = store_.nextSegmentId();
   if (store_.begin(true)) appendBatch();
   bool done = false;
@@ -216,6 +264,7 @@ bool StorageWorker::tryBatch() {
   }
   for (Item* const item : newItems_) item->rowStored = true;
   counters_.written += buffer_.committed(true);
+  marker_ = 0;  // what is taken from now on is in no file yet
   ++counters_.commits;
   succeeded();
   return true;
@@ -247,7 +296,9 @@ bool StorageWorker::setDamagedApart() {
   if (!store_.db().failed() && store_.commit()) {
     for (const DamageRegister::Found& one : found) {
       auto* const stream = const_cast<Stream*>(one.stream);
-      stream->stored = writer_.spanOf(fileKey(*stream));
+      const Span span = writer_.spanOf(fileKey(*stream));
+      if (store_.db().failed()) break;
+      stream->stored = span;
       buffer_.setStored(*stream, stream->stored);
     }
   }
@@ -266,7 +317,7 @@ bool StorageWorker::setDamagedApart() {
 
 // After a failure only once in a while: new samples must not wait for it.
 std::int64_t StorageWorker::ticksToSetApart(std::int64_t now) const {
-  if (apartFailedAt_ == 0 || now < apartFailedAt_) return 0;
+  if (apartFailedAt_ == 0) return 0;
   return std::max<std::int64_t>(0, kRepeatTicks - (now - apartFailedAt_));
 }
 
@@ -306,16 +357,19 @@ bool StorageWorker::cleanSome() {
 // ---- the loop's body
 
 bool StorageWorker::tryAgainAt(std::int64_t now) const {
-  return failedAt_ == 0 || now - failedAt_ >= retryTicks_ || now < failedAt_;
+  return failedAt_ == 0 || now - failedAt_ >= retryTicks_;
 }
 
 std::int64_t StorageWorker::pass() {
-  const std::int64_t now = getInt64FileTime();
+  const std::int64_t now = Signal::elapsed();
   activity_.noteWaiting(buffer_.waiting());
   drops_.tell(now);
   if (!tryAgainAt(now)) return ticksToNext(now);
   if (!store_.isOpen() && !open()) return ticksToNext(now);
-  if (cleanedAt_ == 0 || now < cleanedAt_) cleanedAt_ = now;
+  if (cleanedAt_ == 0) {
+    cleanedAt_ = now;
+    ageClock_.timeOfCleanUp(getInt64FileTime(), now);
+  }
   if (damage_.hasReported() && ticksToSetApart(now) == 0 && !setDamagedApart()) {
     return ticksToNext(now);
   }
@@ -331,7 +385,7 @@ std::int64_t StorageWorker::pass() {
     failed("cleaning up");
   } else if (limits_.cleanupPeriod > 0 && now - cleanedAt_ >= limits_.cleanupPeriod) {
     cleanedAt_ = now;
-    cleaner_.start(now);
+    cleaner_.start(ageClock_.timeOfCleanUp(getInt64FileTime(), now));
     return 0;
   }
   return ticksToNext(now);
@@ -363,6 +417,9 @@ bool StorageWorker::writeAll() {
 
 bool StorageWorker::mergeAll() {
   if (!store_.isOpen() && !open()) return false;
+  // A batch of a doubtful transaction comes first: its first row's number must not become
+  // another's.
+  if (buffer_.hasBatch() && !writeBatch()) return false;
   mergeQueue_ = catalog_.streams();
   for (Stream* const stream : mergeQueue_) stream->freshTo = stream->stored.last;
   mergeEverything_ = true;
@@ -374,6 +431,7 @@ bool StorageWorker::mergeAll() {
 
 bool StorageWorker::cleanUp() {
   if (!store_.isOpen() && !open()) return false;
+  if (buffer_.hasBatch() && !writeBatch()) return false;
   cleaner_.start(getInt64FileTime());
   while (cleaner_.isRunning()) {
     if (cleanSome()) continue;
@@ -383,14 +441,22 @@ bool StorageWorker::cleanUp() {
   return true;
 }
 
+void StorageWorker::interrupted() {
+  byRow_.clear();
+  newItems_.clear();
+  store_.close();
+  store_.db().clearFailure();
+}
+
 void StorageWorker::finish() {
-  if (!refused_) writeAll();
+  // Once more, since what failed may be over: a lack of memory, a busy file.
+  if (!refused_ && !writeAll()) writeAll();
   if (const std::size_t lost = buffer_.discard()) {
     counters_.dropped += lost;
     drops_.note();
     problems_.failed("stopped with " + std::to_string(lost) + " samples that could not be written");
   }
-  drops_.tellRest(getInt64FileTime());
+  drops_.tellRest(Signal::elapsed());
   activity_.noteWaiting(buffer_.waiting());
   readers_.close();
   ready_ = false;

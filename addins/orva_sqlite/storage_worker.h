@@ -18,6 +18,7 @@
 #include "orva_sqlite/write_buffer.h"
 #include "share/archive_configs.h"
 #include "share/signal.h"
+#include "sqlite_base/age_clock.h"
 #include "sqlite_base/location.h"
 #include "sqlite_base/problem_log.h"
 
@@ -42,6 +43,8 @@ class StorageWorker {
   bool writeAll();
   bool mergeAll();
   bool cleanUp();
+  // One of these threw. The file is opened anew by the next one, which finds out how far it came.
+  void interrupted();
   // Writes what is buffered, as well as it can, and closes the file.
   void finish();
 
@@ -58,6 +61,7 @@ class StorageWorker {
   bool open();
   bool openFile();
   bool load();
+  bool settleDoubt();
   bool loadStream(const StreamKey& key, Item& item);
   void forgetFile();
   bool moveAside();
@@ -93,10 +97,13 @@ class StorageWorker {
   std::vector<Item*> newItems_;                    // of the batch being written
   std::vector<Stream*> mergeQueue_;
   Columns columns_;
+  // Times are those of Signal::elapsed().
   std::int64_t marker_ = 0;         // first row of the batch tried last
   std::int64_t failedAt_ = 0;       // when something failed, 0 when nothing has to be tried again
   std::int64_t apartFailedAt_ = 0;  // when setting damage apart failed, 0 when it did not
   std::int64_t cleanedAt_ = 0;      // when the last clean-up began
+  AgeClock ageClock_;
+  bool nameless_ = false;  // the file was found to have segments of unknown items
   bool mergeEverything_ = false;
   bool doubtful_ = false;  // the file was unreadable in use: check it whole before going on
   std::atomic<bool> ready_{false};

@@ -5,10 +5,8 @@
 #include "host/host_time.h"
 
 namespace orva::sqlite {
-namespace {
 
-// The statements that make a new file; docs/sqlite-format.md says what the columns hold.
-constexpr Schema kSchema = {
+const Schema kArchiveSchema = {
     0x4F727661,  // "Orva"
     1,
     "CREATE TABLE item(handle INTEGER PRIMARY KEY, item_id INTEGER NOT NULL, path TEXT NOT NULL);"
@@ -21,8 +19,6 @@ constexpr Schema kSchema = {
     " count INTEGER NOT NULL, data BLOB, found INTEGER NOT NULL, reason TEXT NOT NULL);"
     "CREATE TABLE meta(key TEXT PRIMARY KEY, value) WITHOUT ROWID;"
     "INSERT INTO meta VALUES('format', 1);"};
-
-}  // namespace
 
 Store::Store(const StoreParameters& parameters, std::int64_t maxBytes, Counters& counters)
     : parameters_(parameters),
@@ -41,7 +37,7 @@ Store::Store(const StoreParameters& parameters, std::int64_t maxBytes, Counters&
 
 Opened Store::open(const std::string& file, bool thorough) {
   close();
-  return openWithSchema(db_, space_, kSchema, file, thorough, [this] { return prepare(); });
+  return openWithSchema(db_, space_, kArchiveSchema, file, thorough, [this] { return prepare(); });
 }
 
 void Store::close() {
@@ -55,7 +51,11 @@ bool Store::prepare() {
       !removeSegment_.prepare() || !setApart_.prepare() || !removeDamaged_.prepare()) {
     return false;
   }
-  nextItem_ = db_.number("SELECT max(handle) FROM item") + 1;
+  // Nobody gets the number of an item that has lost its name, nor what is stored under it.
+  nextItem_ = db_.number(
+                  "SELECT max(ifnull((SELECT max(handle) FROM item), 0), "
+                  "ifnull((SELECT max(handle) FROM segment), 0))") +
+              1;
   nextSegment_ = db_.number("SELECT max(id) FROM segment") + 1;
   return !db_.failed();
 }
@@ -131,7 +131,7 @@ Segment Store::insert(const StreamKey& key, const Columns& samples, std::size_t 
 void Store::remove(std::int64_t id) { Query(removeSegment_).bind(id).run(); }
 
 bool Store::setApart(const Segment& segment, const std::string& reason) {
-  if (!segments_.exists(segment.id)) return false;
+  if (!segments_.holds(segment)) return false;
   Query query(setApart_);
   query.bind(segment.id).bind(segment.first).bind(segment.last).bind(segment.count);
   query.bind(getInt64FileTime()).bindText(reason).run();

@@ -16,6 +16,9 @@
 
 namespace orva::sqlite {
 
+// The tables of an archive's file; docs/sqlite-format.md says what the columns hold.
+extern const Schema kArchiveSchema;
+
 // The file of one archive as its only writer sees it: schema, rows, transactions. Used by one
 // thread at a time.
 class Store {

@@ -2,17 +2,22 @@
 
 #include <algorithm>
 
-#include "host/host_time.h"
-
 namespace orva::sqlite {
 namespace {
-// What a stream keeps of its memory after a burst.
-constexpr std::size_t kKeptCapacity = 1024;
+// For how many samples a stream keeps memory after a burst. There may be a hundred thousand
+// streams, and each has its burst once.
+constexpr std::size_t kKeptCapacity = 32;
 
 template <class T>
 void emptyOut(std::vector<T>& list) {
   list.clear();
   if (list.capacity() > kKeptCapacity) list.shrink_to_fit();
+}
+
+// More than enough, so that many small steps do not copy each time.
+template <class T>
+void makeRoom(std::vector<T>& list, std::size_t size) {
+  if (list.capacity() < size) list.reserve(std::max(size, 2 * list.capacity()));
 }
 
 bool inside(const PinPtr& pin, std::int64_t from, std::int64_t to) {
@@ -42,18 +47,24 @@ bool WriteBuffer::offer(BufferedStream& stream, const PinPtr& pin) {
     MutexLock lock(mutex_);
     const std::size_t waitingNow = static_cast<std::size_t>(nextNumber_ - headNumber_);
     if (waitingNow >= capacity_) return false;
-    if (stream.waiting_.empty()) {
-      dirty_.push_back(&stream);
-      stream.ascending_ = true;
-    } else if (pin->time < stream.waiting_.back().pin->time) {
-      stream.ascending_ = false;
-    }
-    stream.waiting_.push_back({nextNumber_++, pin});
-    if (waitingNow == 0) since_ = getInt64FileTime();
+    enter(stream, pin);
+    if (waitingNow == 0) since_ = Signal::elapsed();
     wake = waitingNow == 0 || waitingNow + 1 == wakeAt_;
   }
   if (wake) wake_.notify();
   return true;
+}
+
+// Changes nothing when there is no memory for it.
+void WriteBuffer::enter(BufferedStream& stream, const PinPtr& pin) {
+  auto& waiting = stream.waiting_;
+  const bool isFirst = waiting.empty();
+  const bool inOrder = isFirst || pin->time >= waiting.back().pin->time;
+  if (isFirst) makeRoom(dirty_, dirty_.size() + 1);
+  waiting.push_back({nextNumber_, pin});
+  if (isFirst) dirty_.push_back(&stream);
+  stream.ascending_ = inOrder && (isFirst || stream.ascending_);
+  ++nextNumber_;
 }
 
 bool WriteBuffer::crowded() {
@@ -83,8 +94,7 @@ bool WriteBuffer::batchIsDue(std::int64_t now, std::int64_t period) const {
   if (!batchStreams_.empty()) return true;
   const auto waitingNow = static_cast<std::size_t>(nextNumber_ - headNumber_);
   if (waitingNow == 0) return false;
-  // A clock that was set back must not keep samples from the disk.
-  return waitingNow >= wakeAt_ || awaited_ || now - since_ >= period || now < since_;
+  return waitingNow >= wakeAt_ || awaited_ || now - since_ >= period;
 }
 
 bool WriteBuffer::hasBatch() const {
@@ -103,15 +113,20 @@ void WriteBuffer::takeBatch() {
                dirty_.end());
 }
 
-// The samples of one stream that came before number `end`.
+// The samples of one stream that came before number `end`. Takes none when there is no memory for
+// it, nor for committed(), which must not fail.
 void WriteBuffer::takeFrom(BufferedStream& stream, std::uint64_t end) {
   auto& waiting = stream.waiting_;
-  const std::size_t before = stream.taken_;
   std::size_t& taken = stream.taken_;
-  for (; taken < waiting.size() && waiting[taken].number < end; ++taken) {
-    stream.inFlight_.push_back(std::move(waiting[taken].pin));
-  }
-  if (taken == before) return;
+  std::size_t last = taken;
+  while (last < waiting.size() && waiting[last].number < end) ++last;
+  const std::size_t count = last - taken;
+  if (count == 0) return;
+  stream.inFlight_.reserve(stream.inFlight_.size() + count);
+  makeRoom(released_, inFlight_ + count);
+  makeRoom(batchStreams_, batchStreams_.size() + 1);
+  for (; taken < last; ++taken) stream.inFlight_.push_back(std::move(waiting[taken].pin));
+  inFlight_ += count;
   batchStreams_.push_back(&stream);
   if (taken == waiting.size()) {
     emptyOut(waiting);
@@ -133,18 +148,19 @@ void WriteBuffer::committing(std::int64_t marker) {
 }
 
 std::size_t WriteBuffer::committed(bool done) {
-  std::vector<PinPtr> released;  // freed outside the lock
   MutexLock lock(mutex_);
   ++epoch_;
   if (!done) return 0;  // the marker stays: a commit that failed may be in the file all the same
   marker_ = 0;
   for (BufferedStream* const stream : batchStreams_) {
-    for (PinPtr& pin : stream->inFlight_) released.push_back(std::move(pin));
+    for (PinPtr& pin : stream->inFlight_) released_.push_back(std::move(pin));
     emptyOut(stream->inFlight_);
   }
   batchStreams_.clear();
-  const std::size_t count = released.size();
+  inFlight_ = 0;
   lock.unlock();
+  const std::size_t count = released_.size();
+  emptyOut(released_);  // freed outside the lock
   return count;
 }
 
@@ -165,6 +181,7 @@ std::size_t WriteBuffer::discard() {
     stream->taken_ = 0;
   }
   batchStreams_.clear();
+  inFlight_ = 0;
   dirty_.clear();
   headNumber_ = nextNumber_;
   ++epoch_;
@@ -200,6 +217,11 @@ void WriteBuffer::snapshot(const BufferedStream& stream, std::int64_t from, std:
 bool WriteBuffer::sameCut(const Snapshot& snapshot) const {
   MutexLock lock(mutex_);
   return snapshot.epoch == epoch_;
+}
+
+std::size_t WriteBuffer::kept(const BufferedStream& stream) const {
+  MutexLock lock(mutex_);
+  return stream.waiting_.capacity() + stream.inFlight_.capacity();
 }
 
 Span WriteBuffer::stored(const BufferedStream& stream) const {

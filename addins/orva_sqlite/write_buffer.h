@@ -103,7 +103,11 @@ class WriteBuffer {
   bool sameCut(const Snapshot& snapshot) const EXCLUDES(mutex_);
   Span stored(const BufferedStream& stream) const EXCLUDES(mutex_);
 
+  // For how many samples the stream has places, used or not; for tests.
+  std::size_t kept(const BufferedStream& stream) const EXCLUDES(mutex_);
+
  private:
+  void enter(BufferedStream& stream, const PinPtr& pin) REQUIRES(mutex_);
   void takeFrom(BufferedStream& stream, std::uint64_t end) REQUIRES(mutex_);
 
   const std::size_t capacity_;
@@ -113,6 +117,8 @@ class WriteBuffer {
   mutable Mutex mutex_;                                    // leaf
   std::vector<BufferedStream*> dirty_ GUARDED_BY(mutex_);  // those with waiting samples
   std::vector<BufferedStream*> batchStreams_ GUARDED_BY(mutex_);
+  std::size_t inFlight_ GUARDED_BY(mutex_) = 0;  // samples of the batch
+  std::vector<PinPtr> released_;                 // the writer's thread's; has room for the batch
   std::uint64_t nextNumber_ GUARDED_BY(mutex_) = 0;
   std::uint64_t headNumber_ GUARDED_BY(mutex_) = 0;  // of the oldest waiting sample
   std::int64_t since_ GUARDED_BY(mutex_) = 0;

@@ -1,6 +1,9 @@
 #include "sqlite_base/file_space.h"
 
+#include <sqlite3.h>
+
 #include <algorithm>
+#include <new>
 #include <string>
 
 namespace orva::sqlite {
@@ -28,10 +31,35 @@ bool FileSpace::configure() {
       "PRAGMA page_size=" + std::to_string(kPageSize) + ";PRAGMA auto_vacuum=INCREMENTAL" +
       ";PRAGMA journal_mode=WAL;PRAGMA synchronous=" + parameters_.synchronous +
       ";PRAGMA cache_size=-" + std::to_string(parameters_.cacheKiB) +
-      ";PRAGMA wal_autocheckpoint=" +
-      std::to_string(std::max<std::int64_t>(16, logBytes_ / kPageSize)) +
       ";PRAGMA journal_size_limit=" + std::to_string(logBytes_) + ";PRAGMA temp_store=MEMORY";
-  return db_.exec(pragmas.c_str());
+  logProblem_.clear();
+  if (!db_.exec(pragmas.c_str())) return false;
+  // In place of SQLite's own automatic checkpoint, whose failure nobody is told of.
+  sqlite3_wal_hook(db_.handle(), &FileSpace::afterCommit, this);
+  return true;
+}
+
+int FileSpace::afterCommit(void* self, sqlite3* handle, const char* name, int logPages) {
+  auto& space = *static_cast<FileSpace*>(self);
+  if (logPages < std::max<std::int64_t>(16, space.logBytes_ / kPageSize)) return SQLITE_OK;
+  const int code =
+      sqlite3_wal_checkpoint_v2(handle, name, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  if (code == SQLITE_OK) {
+    space.logProblem_.clear();
+  } else if (code != SQLITE_BUSY && code != SQLITE_LOCKED) {
+    space.noteLogProblem(sqlite3_errmsg(handle), code);
+  }
+  return SQLITE_OK;  // the transaction itself is in the log
+}
+
+// Nothing may be thrown through SQLite, which called.
+void FileSpace::noteLogProblem(const char* text, int code) {
+  try {
+    logProblem_ = "copying the log into the file failed: " + std::string(text) + " (" +
+                  std::to_string(code) + ")";
+  } catch (const std::bad_alloc&) {
+    // The next commit copies again, and says so.
+  }
 }
 
 bool FileSpace::isIntact() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "sqlite_base/database.h"
 #include "sqlite_base/store_parameters.h"
@@ -29,12 +30,19 @@ class FileSpace {
   void shrink();
   // Copies the log into the file and empties it.
   void checkpoint();
+  // A commit also copies the log into the file, once it has grown to its share. Why the last such
+  // copy failed, empty when it did not: what was committed is in the log then, which grows.
+  const std::string& logProblem() const { return logProblem_; }
 
  private:
+  static int afterCommit(void* self, sqlite3* handle, const char* name, int logPages);
+  void noteLogProblem(const char* text, int code);
+
   Database& db_;
   const StoreParameters parameters_;
   const std::int64_t maxBytes_;
   const std::int64_t logBytes_;
+  std::string logProblem_;
 };
 
 }  // namespace orva::sqlite

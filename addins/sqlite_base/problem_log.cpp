@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "host/host_time.h"
 #include "host/trace.h"
+#include "share/signal.h"
 #include "share/ticks.h"
 
 namespace orva::sqlite {
@@ -22,8 +22,8 @@ void ProblemLog::failed(const std::string& problem) { report(problem, Trouble::k
 void ProblemLog::report(const std::string& problem, Trouble trouble) {
   const bool isFirst = trouble_ == Trouble::kNone;
   trouble_ = std::max(trouble_, trouble);
-  const std::int64_t now = getInt64FileTime();
-  if (problem != last_ || now < lastAt_ || now - lastAt_ >= kSayAgainTicks) {
+  const std::int64_t now = Signal::elapsed();
+  if (problem != last_ || now - lastAt_ >= kSayAgainTicks) {
     last_ = problem;
     lastAt_ = now;
     OpcUa_Trace_Imp(kTraceError, "%s: archive \"%s\": %s\n", __FILE__, __LINE__, provider_,
@@ -43,6 +43,11 @@ void ProblemLog::works() {
   OpcUa_Trace_Imp(kTraceWarning, "%s: archive \"%s\": works again\n", __FILE__, __LINE__, provider_,
                   file_.c_str());
   post(HostEventKind::kProviderRecovered, HostEventSeverity::kInformation, "works again");
+}
+
+void ProblemLog::wasEmpty() {
+  OpcUa_Trace_Imp(kTraceWarning, "%s: archive \"%s\" was an empty file: a new one is begun\n",
+                  __FILE__, __LINE__, provider_, file_.c_str());
 }
 
 void ProblemLog::movedAside(const std::string& name) {

@@ -23,6 +23,8 @@ class ProblemLog {
   // anew proves nothing.
   void failed(const std::string& problem);
   void works();
+  // The file was there, but nothing was in it.
+  void wasEmpty();
   // The file could not be read and was moved; a new one is begun.
   void movedAside(const std::string& name);
 

@@ -9,8 +9,9 @@ bool createSchema(Database& db, const Schema& schema) {
   return db.begin() && db.exec(schema.create) && db.exec(head.c_str()) && db.commit();
 }
 
-// False without a failure: the file is a database, but none of this kind.
-bool schemaFits(Database& db, const Schema& schema, const std::function<bool()>& prepare) {
+}  // namespace
+
+bool hasSchema(Database& db, const Schema& schema, const std::function<bool()>& prepare) {
   const std::int64_t version = db.number("PRAGMA user_version");
   if (db.number("PRAGMA application_id") != schema.applicationId || version < 1 ||
       version > schema.version) {
@@ -22,15 +23,13 @@ bool schemaFits(Database& db, const Schema& schema, const std::function<bool()>&
   return false;
 }
 
-}  // namespace
-
 Opened openWithSchema(Database& db, FileSpace& space, const Schema& schema, const std::string& file,
                       bool thorough, const std::function<bool()>& prepare) {
   if (!db.open(file, Database::Mode::kReadWrite)) return Opened::kUnavailable;
   const bool isNew = db.number("SELECT count(*) FROM sqlite_master") == 0;
   if (!db.failed()) {
     const bool fits = isNew ? space.configure() && createSchema(db, schema)
-                            : schemaFits(db, schema, prepare) && space.configure();
+                            : hasSchema(db, schema, prepare) && space.configure();
     if (!fits && !db.failed()) return Opened::kUnreadable;
     if (fits && thorough && !space.isIntact()) return Opened::kUnreadable;
     if (fits && prepare()) return Opened::kReady;

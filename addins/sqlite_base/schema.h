@@ -16,6 +16,10 @@ struct Schema {
   const char* create;          // the statements that make a new file
 };
 
+// Whether the file of an open connection is of this kind, and in a form that is known; `prepare` is
+// as below. False without a failure of the connection: it is another kind of database.
+bool hasSchema(Database& db, const Schema& schema, const std::function<bool()>& prepare);
+
 enum class Opened {
   kReady,
   kUnavailable,  // not now: try again later

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "host/host_time.h"
+#include "share/signal.h"
 #include "share/ticks.h"
 
 namespace orva::sqlite {
@@ -13,9 +13,9 @@ class TraceLimit {
  public:
   // Whether to trace now.
   bool pass() {
-    const long long now = getInt64FileTime();
+    const long long now = Signal::elapsed();
     long long before = last_.load(std::memory_order_relaxed);
-    if (before != 0 && now >= before && now - before < kTicksPerSecond) return false;
+    if (before != 0 && now - before < kTicksPerSecond) return false;
     return last_.compare_exchange_strong(before, now, std::memory_order_relaxed);
   }
 

@@ -293,13 +293,21 @@ TEST_F(ArchiveTest, ATransactionBeginsWhenEnoughSamplesWaitAndHoldsNoMore) {
   EXPECT_EQ(counters().written, 200U);
 }
 
-TEST_F(ArchiveTest, AClockSetBackDoesNotKeepSamplesFromTheFile) {
+TEST_F(ArchiveTest, AClockThatIsSetOrStandsStillDoesNotKeepSamplesFromTheFile) {
   limits_.writePeriod = kTicksPerSecond;
   open();
-  write(second(1), 1);
-  clock_.setTime(clock_.now() - kTicksPerHour);
-  worker().pass();
-  EXPECT_EQ(counters().commits, 1U);
+  for (const long long hours : {-1, 2, 0}) {
+    const std::uint64_t before = counters().commits;
+    clock_.setFrozen(hours == 0);
+    write(clock_.now(), 1);
+    clock_.setTime(clock_.now() + hours * kTicksPerHour);
+    clock_.advance(kTicksPerSecond - 1);
+    worker().pass();
+    EXPECT_EQ(counters().commits, before);
+    clock_.advance(1);
+    worker().pass();
+    EXPECT_EQ(counters().commits, before + 1);
+  }
 }
 
 TEST_F(ArchiveTest, OneTransactionMakesOneRowForEachItemAndLayer) {
@@ -428,7 +436,7 @@ TEST_F(ArchiveTest, NoMoreThanMaxDelValuesGoInOneTransaction) {
   for (int i = 0; i < 3000; ++i) write({i % 2, "a"}, 0, makePin(second(i), realValue(i)));
   ASSERT_TRUE(worker().writeAll());
   worker().pass();
-  clock_.setTime(second(10000));
+  clock_.advance(second(10000) - clock_.now());
   std::uint64_t before = 0;
   while (worker().pass() == 0) {
     EXPECT_LE(counters().deleted - before, 700U);
@@ -456,6 +464,34 @@ TEST_F(ArchiveTest, CleaningUpHappensEveryCleanupPeriodAndNeverForZero) {
     }
     EXPECT_EQ(counters().deleted > 0, period != 0);
   }
+}
+
+// Somebody sets the clock a year forward, and right again before the next clean-up but one.
+TEST_F(ArchiveTest, AClockSetForwardIsBelievedAtTheSecondCleanUpOnly) {
+  constexpr std::int64_t kYear = 365 * 24 * kTicksPerHour;
+  limits_.maxTime = 24 * kTicksPerHour;
+  limits_.cleanupPeriod = kTicksPerHour;
+  const auto cleanUpIsDue = [this] {
+    clock_.advance(kTicksPerHour);
+    while (worker().pass() == 0) {
+    }
+  };
+  open();
+  for (int i = 0; i < 100; ++i) write(second(i), i);
+  ASSERT_TRUE(worker().writeAll());
+  worker().pass();
+  clock_.setTime(clock_.now() + kYear);
+  cleanUpIsDue();
+  EXPECT_EQ(counters().deleted, 0U);
+  clock_.setTime(clock_.now() - kYear);
+  cleanUpIsDue();
+  cleanUpIsDue();
+  EXPECT_EQ(counters().deleted, 0U);
+  EXPECT_TRUE(answers({}));
+  clock_.setTime(clock_.now() + kYear);
+  cleanUpIsDue();
+  cleanUpIsDue();
+  EXPECT_EQ(counters().deleted, 99U);
 }
 
 TEST_F(ArchiveTest, MaxSizeBoundsTheFileAndKeepsTheNewestSamples) {
@@ -727,6 +763,22 @@ TEST_F(ArchiveTest, DamageThatJoiningMeetsIsSetApartToo) {
   EXPECT_EQ(ask({}).pushed.size(), 51U);
 }
 
+TEST_F(ArchiveTest, WhatLostItsNameIsNotGivenToAnotherItem) {
+  open();
+  write(second(1), 1);
+  write({2, "b"}, 0, makePin(second(1), realValue(2)));
+  ASSERT_TRUE(worker().writeAll());
+  close();
+  changeFile("DELETE FROM item WHERE path = 'b'");
+  open();
+  EXPECT_GE(trace_.countContaining("which has no name"), 1);
+  write({3, "c"}, 0, makePin(second(2), realValue(3)));
+  ASSERT_TRUE(worker().writeAll());
+  EXPECT_TRUE(answers({{3, "c"}}));
+  EXPECT_TRUE(answers({{1, "a"}}));
+  EXPECT_EQ(inFile("SELECT count(DISTINCT handle) FROM segment"), 3);
+}
+
 TEST_F(ArchiveTest, UnreadablePagesInUseEndInANewFileThatTakesSamples) {
   limits_.maxWriteValues = 50;
   open();
@@ -772,6 +824,19 @@ TEST_F(ArchiveTest, ParametersSayHowSafelyATransactionIsWritten) {
   EXPECT_EQ(worker().store().db().number("PRAGMA synchronous"), 2);
   EXPECT_EQ(trace_.countContaining("parameters of"), 4);
   EXPECT_EQ(trace_.countContaining("unknown key \"colour\""), 1);
+}
+
+TEST_F(ArchiveTest, NewSamplesWaitForTheDiskAndJoiningDoesNot) {
+  connection_.parameters.clear();
+  open();
+  write(second(1), 1);
+  ASSERT_TRUE(worker().writeAll());
+  EXPECT_EQ(worker().store().db().number("PRAGMA synchronous"), 2);
+  ASSERT_TRUE(worker().mergeAll());
+  EXPECT_EQ(worker().store().db().number("PRAGMA synchronous"), 1);
+  write(second(2), 2);
+  ASSERT_TRUE(worker().writeAll());
+  EXPECT_EQ(worker().store().db().number("PRAGMA synchronous"), 2);
 }
 
 }  // namespace

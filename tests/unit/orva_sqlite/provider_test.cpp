@@ -187,6 +187,50 @@ TEST_F(ProviderTest, ReadsSeeBufferAndFileAsOfOneMoment) {
   }
 }
 
+// Each read has the newest sample written before it and an unbroken stretch up to that, while a
+// clean-up takes the oldest away.
+TEST_F(ProviderTest, ReadsSeeAnUnbrokenEndWhileOldSamplesAreDeleted) {
+  constexpr std::int64_t kSamples = 2000;
+  connection_.parameters = "synchronous=OFF";
+  limits_.writePeriod = 0;
+  limits_.maxTime = kTicksPerSecond;  // the samples are years old
+  limits_.cleanupPeriod = kTicksPerMillisecond;
+  const auto provider = start();
+  archive::IDataArchive& archive = *provider->archive();
+  const Counters& counters = provider->sqliteArchive().counters();
+  archive::ILayerWriter& writer = archive.layerWriter({1, "a"}, 0, 0);
+  writer.write(sample(0));
+  std::atomic<std::int64_t> written{1};
+  std::atomic<bool> failed{false};
+  std::thread reader([&] {
+    for (bool last = false; !failed && !last;) {
+      const std::int64_t before = written;
+      last = before == kSamples;
+      const Answer answer = ask(archive, {});
+      bool right = answer.failure == 0 && !answer.pushed.empty() &&
+                   numberOf(answer.pushed.back()) >= before - 1;
+      for (std::size_t i = 1; right && i < answer.pushed.size(); ++i) {
+        right = numberOf(answer.pushed[i]) == numberOf(answer.pushed[i - 1]) + 1;
+      }
+      if (!right) failed = true;
+    }
+  });
+  for (std::int64_t n = 1; n < kSamples; ++n) {
+    writer.write(sample(n));
+    written = n + 1;
+    // The next ones come when a clean-up has taken nearly all of these.
+    if (n % 200 != 199) continue;
+    EXPECT_TRUE(waitFor(*provider,
+                        [&] { return counters.deleted >= static_cast<std::uint64_t>(n - 100); }));
+  }
+  reader.join();
+  EXPECT_FALSE(failed);
+  EXPECT_TRUE(waitFor(*provider, [&] { return counters.deleted == kSamples - 1; }));
+  const Answer answer = ask(archive, {});
+  ASSERT_EQ(answer.pushed.size(), 1U);
+  EXPECT_EQ(numberOf(answer.pushed.front()), kSamples - 1);
+}
+
 // Runs `body` in another process, which gets the writing end of a pipe, and returns its id.
 pid_t inAnotherProcess(int (&ends)[2], const std::function<void(int)>& body) {
   EXPECT_EQ(::pipe(ends), 0);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "share/signal.h"
 #include "share/ticks.h"
 #include "support/manual_clock.h"
 #include "unit/orva_sqlite/samples.h"
@@ -48,17 +49,17 @@ TEST_F(WriteBufferTest, IsCrowdedFromHalfItsCapacityOnUntilABatchIsTaken) {
 TEST_F(WriteBufferTest, WhoeverFindsItCrowdedMakesTheBatchDueAndWakesTheWriterOnce) {
   WriteBuffer buffer(10, 10, wake_);
   for (std::int64_t time = 1; time <= 5; ++time) buffer.offer(a_, makePin(time, realValue(1)));
-  EXPECT_FALSE(buffer.batchIsDue(clock_.now(), kTicksPerSecond));
+  EXPECT_FALSE(buffer.batchIsDue(Signal::elapsed(), kTicksPerSecond));
   const std::uint64_t woken = wake_.count();
   EXPECT_TRUE(buffer.crowded());
   EXPECT_TRUE(buffer.crowded());
   EXPECT_EQ(wake_.count(), woken + 1);
-  EXPECT_TRUE(buffer.batchIsDue(clock_.now(), kTicksPerSecond));
+  EXPECT_TRUE(buffer.batchIsDue(Signal::elapsed(), kTicksPerSecond));
   buffer.takeBatch();
   EXPECT_EQ(buffer.committed(true), 5U);
   buffer.offer(a_, makePin(6, realValue(1)));
   EXPECT_FALSE(buffer.crowded());
-  EXPECT_FALSE(buffer.batchIsDue(clock_.now(), kTicksPerSecond));
+  EXPECT_FALSE(buffer.batchIsDue(Signal::elapsed(), kTicksPerSecond));
 }
 
 TEST_F(WriteBufferTest, TheWriterIsWokenByTheFirstSampleAndWhenABatchWaits) {
@@ -72,6 +73,18 @@ TEST_F(WriteBufferTest, TheWriterIsWokenByTheFirstSampleAndWhenABatchWaits) {
   EXPECT_EQ(wake_.count(), start + 2);
   offer(b_, 5);
   EXPECT_EQ(wake_.count(), start + 2);
+}
+
+TEST_F(WriteBufferTest, AfterABurstAStreamKeepsPlacesForFewSamples) {
+  WriteBuffer buffer(1000, 1000, wake_);
+  for (std::int64_t time = 1; time <= 1000; ++time) buffer.offer(a_, makePin(time, realValue(1)));
+  EXPECT_GE(buffer.kept(a_), 1000U);
+  buffer.takeBatch();
+  EXPECT_EQ(buffer.committed(true), 1000U);
+  EXPECT_LE(buffer.kept(a_), 64U);
+  buffer.offer(a_, makePin(1001, realValue(1)));
+  buffer.takeBatch();
+  EXPECT_EQ(buffer.batchOf(a_).size(), 1U);
 }
 
 TEST_F(WriteBufferTest, ABatchHasTheOldestSamplesOfAllStreams) {
