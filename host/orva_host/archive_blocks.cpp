@@ -45,6 +45,19 @@ int makeNewBlock(lua_State* L) {
   return 0;
 }
 
+struct Room {
+  int block;
+  bool crowded = false;
+};
+
+int lookForRoom(lua_State* L) {
+  auto* room = static_cast<Room*>(lua_touserdata(L, 1));
+  lua_rawgeti(L, LUA_REGISTRYINDEX, room->block);
+  lua_getfield(L, -1, "Crowded");
+  room->crowded = lua_toboolean(L, -1) != 0;
+  return 0;
+}
+
 struct Execution {
   int block;
   int box;
@@ -69,17 +82,22 @@ bool ArchiveBlocks::open(std::string& error) {
   return true;
 }
 
-bool ArchiveBlocks::write(PlantRow& row, std::string& error) {
-  const auto found = blocks_.find({row.id, row.path});
+ArchiveBlocks::Result ArchiveBlocks::write(PlantRow& row, std::string& error) {
   int block = LUA_NOREF;
-  if (found != blocks_.end()) {
-    block = found->second;
-  } else if (!makeBlock(row, block, error)) {
-    return false;
-  }
+  if (!findBlock(row, block, error)) return Result::failed;
+  Room room{block};
+  if (!state_.protectedCall(lookForRoom, &room, error)) return Result::failed;
+  if (room.crowded) return Result::crowded;
   box_->SetDataValue(std::move(row.value), row.quality, row.ticks);
   Execution what{block, boxReference_};
-  return state_.protectedCall(execute, &what, error);
+  return state_.protectedCall(execute, &what, error) ? Result::written : Result::failed;
+}
+
+bool ArchiveBlocks::findBlock(const PlantRow& row, int& reference, std::string& error) {
+  const auto found = blocks_.find({row.id, row.path});
+  if (found == blocks_.end()) return makeBlock(row, reference, error);
+  reference = found->second;
+  return true;
 }
 
 bool ArchiveBlocks::makeBlock(const PlantRow& row, int& reference, std::string& error) {

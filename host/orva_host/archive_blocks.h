@@ -21,13 +21,18 @@ class ArchiveBlocks {
 
   // False, with the reason, when there is no such function block.
   bool open(std::string& error);
-  // Executes the block of the row's variable once, with the row's value, time and quality, and so
-  // takes the value out of the row. False, with the reason, when nothing was executed.
-  bool write(PlantRow& row, std::string& error);
+  enum class Result {
+    written,  // the block was executed, and the value was taken out of the row
+    crowded,  // an archive of the variable asks to wait; the row is as it was
+    failed,   // nothing was executed, the reason is given
+  };
+  // Executes the block of the row's variable once, with the row's value, time and quality.
+  Result write(PlantRow& row, std::string& error);
 
  private:
   using Key = std::pair<std::int64_t, std::string>;
 
+  bool findBlock(const PlantRow& row, int& reference, std::string& error);
   bool makeBlock(const PlantRow& row, int& reference, std::string& error);
 
   LuaState state_;

@@ -102,6 +102,7 @@ int CsvReader::open(const std::string& path) {
 bool CsvReader::fill() {
   begin_ = 0;
   end_ = std::fread(buffer_.data(), 1, buffer_.size(), file_);
+  filled_ += end_;
   if (end_ == 0 && std::ferror(file_) != 0) error_ = "the file cannot be read any further";
   return end_ != 0;
 }
@@ -138,7 +139,7 @@ CsvReader::Result CsvReader::next(std::vector<Field>& out) {
     }
   }
   error_ = parser.inQuotes() ? kUnended : "the row is too long";
-  skipLine();
+  if (c != '\n') skipLine();  // else the line is over, and the next one a row of its own
   return Result::bad;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -37,6 +38,8 @@ class CsvReader {
 
   // Of the record read last, from 1.
   long long line() const { return line_; }
+  // How much of the file has been taken.
+  std::uint64_t bytes() const { return filled_ - (end_ - begin_); }
   // Why the record is bad, or why reading ended early; null when neither is so.
   const char* error() const { return error_; }
 
@@ -49,6 +52,7 @@ class CsvReader {
   std::vector<char> buffer_;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
+  std::uint64_t filled_ = 0;  // bytes that were in the buffer until now
   long long nextLine_ = 1;
   long long line_ = 0;
   const char* error_ = nullptr;

@@ -172,7 +172,10 @@ bool HostApp::listen() {
   for (HttpRoute& route : pageRoutes(web.empty() ? defaultWebFolder() : web)) {
     http.add(std::move(route));
   }
-  if (failed(http.start(parts_->config.http))) return false;
+  if (const std::string error = http.start(parts_->config.http); !error.empty()) {
+    return !failed(error + "; see \"http\" in " + options_.config +
+                   ", or give another port with --port");
+  }
   std::printf("listening on %s\n", http.address().c_str());
   std::fflush(stdout);
   return true;

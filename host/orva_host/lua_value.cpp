@@ -37,9 +37,9 @@ bool numberToTicks(double since1970Ms, std::int64_t& ticks) {
 }
 
 void pushMilliseconds(lua_State* L, std::int64_t ticks) {
-  const std::int64_t since1970 = ticks - kUnixEpochTicks;
-  const std::int64_t whole = since1970 / kTicksPerMillisecond;
-  const std::int64_t rest = since1970 % kTicksPerMillisecond;
+  // The epoch is subtracted last: 64 bits hold the difference of any ticks and it in milliseconds.
+  const std::int64_t whole = ticks / kTicksPerMillisecond - kUnixEpochMilliseconds;
+  const std::int64_t rest = ticks % kTicksPerMillisecond;
   lua_pushnumber(L, static_cast<double>(whole) +
                         static_cast<double>(rest) / static_cast<double>(kTicksPerMillisecond));
 }

@@ -27,9 +27,10 @@ std::unique_ptr<Source> makeSystemSource(const SourceCfg& cfg, std::string& erro
 
 // Replays a recorded plant (orva_host/plant_row.h says in which form) into the archives: each row
 // is one execution of a function block "ArchiveProc", with the time and quality of the row. The
-// rows come as they arrived, `speed` times as fast, or as fast as it goes when that is 0; then a
-// provider may have to drop what its write buffer does not hold. Bad rows are counted and logged,
-// at most one line a second.
+// rows come as they arrived, `speed` times as fast, or as fast as it goes when that is 0. While an
+// archive has little room in its write buffer the recording waits, so nothing of it is dropped;
+// what is late then comes without a pause. Bad rows are counted and logged, at most one line a
+// second.
 std::unique_ptr<Source> makeCsvSource(const SourceCfg& cfg, std::string& error);
 
 }  // namespace orva::host

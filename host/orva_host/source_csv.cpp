@@ -19,6 +19,8 @@ namespace {
 
 // Far beyond any recording, and well inside what the clock can add.
 constexpr double kLongestWaitSeconds = 1e9;
+// While an archive has little room.
+constexpr std::chrono::milliseconds kCrowdedPause{10};
 
 bool isCompressed(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
@@ -47,7 +49,7 @@ class CsvSource final : public Source {
   bool readRow(Row& row);
   void replayAtOnce(Gate& stop);
   void replayInTime(Gate& stop);
-  void write(Row& row);
+  void write(Row& row, Gate& stop);
   Gate::Clock::time_point dueAt(std::int64_t arrival);
   void bad(long long line, const char* reason);
   void summarise(const Gate& stop, Gate::Clock::time_point begun);
@@ -106,7 +108,7 @@ bool CsvSource::readRow(Row& row) {
 
 void CsvSource::replayAtOnce(Gate& stop) {
   Row row;
-  while (!stop.isOpen() && readRow(row)) write(row);
+  while (!stop.isOpen() && readRow(row)) write(row, stop);
 }
 
 void CsvSource::replayInTime(Gate& stop) {
@@ -122,7 +124,7 @@ void CsvSource::replayInTime(Gate& stop) {
       ahead.push_back(std::move(row));
     }
     if (ahead.empty() || stop.waitUntil(dueAt(pace.next()))) return;
-    write(ahead.front());
+    write(ahead.front(), stop);
     ahead.pop_front();
   }
 }
@@ -139,13 +141,16 @@ Gate::Clock::time_point CsvSource::dueAt(std::int64_t arrival) {
                         std::chrono::duration<double>(std::min(seconds, kLongestWaitSeconds)));
 }
 
-void CsvSource::write(Row& row) {
+// Waits while the archive has little room, since the recording keeps the row. A row that a stop
+// finds waiting is not written.
+void CsvSource::write(Row& row, Gate& stop) {
   std::string error;
-  if (blocks_.write(row.data, error)) {
-    ++written_;
-  } else {
-    bad(row.line, error.c_str());
+  ArchiveBlocks::Result result = blocks_.write(row.data, error);
+  while (result == ArchiveBlocks::Result::crowded && !stop.waitFor(kCrowdedPause)) {
+    result = blocks_.write(row.data, error);
   }
+  if (result == ArchiveBlocks::Result::written) ++written_;
+  if (result == ArchiveBlocks::Result::failed) bad(row.line, error.c_str());
 }
 
 void CsvSource::bad(long long line, const char* reason) {

@@ -25,7 +25,7 @@ constexpr int kMaxPrefix = 256;
 std::atomic<std::uint32_t> levelsShown{kTraceError | kTraceWarning};
 
 std::atomic<bool> isHooked{false};  // read without the lock to spare it when there is no hook
-Mutex hookMutex;
+Mutex hookMutex(LockClass::kTrace);
 TraceHook* hook GUARDED_BY(hookMutex) = nullptr;
 
 // The descriptor lines are written to. Its number never changes: another file is put behind it, so

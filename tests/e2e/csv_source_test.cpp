@@ -134,9 +134,10 @@ class CsvSourceTest : public ::testing::Test {
  private:
   static PlantConfig configFor(const std::map<int, Recorded>& items) {
     PlantConfig config;
+    // Far less room than a recording at full speed needs.
     config.dataArchive = R"({"archives": [{
       "connection": {"providerType": "sqlite", "location": "store"},
-      "limits": {"writePeriod": 1000000, "writeBufferSize": 1000000},
+      "limits": {"writePeriod": 1000000, "writeBufferSize": 500},
       "filter": {"allValues": true}}]})";
     std::string variables;
     for (const auto& [id, item] : items) {

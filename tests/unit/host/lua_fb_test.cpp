@@ -303,6 +303,24 @@ TEST_F(LuaFbTest, ABoxPassesAValueOfItsVeryType) {
   EXPECT_EQ(Probe::last->GetFBInput("Any")->GetType(), OpcUaType_Int64);
 }
 
+TEST_F(LuaFbTest, ATimeOfAnyTicksIsANumberOfMilliseconds) {
+  OpcUa_VariantHlp* time = pushVariantBox(lua_->get());
+  lua_setglobal(lua_->get(), "time");
+  run("fb = Probe.new{}");
+  const struct {
+    std::int64_t ticks;
+    const char* milliseconds;
+  } kCases[] = {{kUnixEpochTicks + 15'000, "1.5"},
+                {kUnixEpochTicks - 15'000, "-1.5"},
+                {0, "-11644473600000"},
+                {INT64_MAX, "910692730085477.5807"},
+                {INT64_MIN, "-933981677285477.5808"}};
+  for (const auto& oneCase : kCases) {
+    time->SetDateTime(oneCase.ticks);
+    run(std::string("fb.Any = time assert(fb.Any == ") + oneCase.milliseconds + ")");
+  }
+}
+
 TEST_F(LuaFbTest, ALibraryRegisteredAgainIsOpenedByItsNewOpener) {
   const auto openNothing = [](lua_State* L) {
     lua_pushboolean(L, 1);

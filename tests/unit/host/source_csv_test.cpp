@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <functional>
@@ -76,6 +77,15 @@ TEST_F(CsvReaderTest, ARecordWithoutEndDoesNotTakeAllMemory) {
   const std::string huge(CsvReader::kMaxRecord + 10, 'x');
   EXPECT_EQ(recordsOf(huge + "\nb\n"), (Texts{"1:the row is too long", "|b"}));
   EXPECT_EQ(recordsOf("\"" + huge + "\nb\n"), (Texts{"1:a quoted field does not end", "|b"}));
+}
+
+TEST_F(CsvReaderTest, TheRowBehindOneThatIsJustTooLongIsRead) {
+  for (const std::size_t size : {CsvReader::kMaxRecord - 1, CsvReader::kMaxRecord,
+                                 CsvReader::kMaxRecord + 1, CsvReader::kMaxRecord + 2}) {
+    const Texts records = recordsOf(std::string(size, 'x') + "\nb\n");
+    ASSERT_EQ(records.size(), 2U) << size;
+    EXPECT_EQ(records[1], "|b") << size;
+  }
 }
 
 TEST_F(CsvReaderTest, FieldsLongerThanTheBufferAreWhole) {
@@ -165,6 +175,56 @@ TEST(PlantRowTest, ValuesThatAreNoneOfTheirTypeAreBad) {
   }
 }
 
+// The line that a sample of this type and value becomes.
+std::string written(const std::string& time, const std::string& type, const std::string& value) {
+  PlantRow row;
+  const char* reason =
+      parsePlantRow(recordOf({time, "7", "Plant/Load", type, value, "1073741824"}), row);
+  if (reason != nullptr) return reason;
+  std::string line;
+  appendPlantRow(plantRowItem(row.id, row.path), row.ticks, row.value, row.quality, line);
+  return line;
+}
+
+TEST(PlantRowTest, ASampleBecomesOneFormOfItsRow) {
+  const struct {
+    const char* time;
+    const char* type;
+    const char* value;
+    const char* line;  // what stands in it for the time; for type and value
+    const char* end;
+  } kCases[] = {
+      {"1711843200085", "double", "20.5000", "1711843200085", "double,20.5"},
+      {"1.5", "double", "1e300", "1.5", "double,1e+300"},
+      {"0.0001", "double", "-0", "0.0001", "double,-0"},
+      {"-0.5", "float", "0.1", "-0.5", "float,0.1"},
+      {"-1.0340", "float", "-Inf", "-1.034", "float,-Inf"},
+      {"007", "double", "NaN", "7", "double,NaN"},
+      {"-11644473600000", "int64", "-9223372036854775808", "-11644473600000",
+       "int64,-9223372036854775808"},
+      {"1", "uint64", "18446744073709551615", "1", "uint64,18446744073709551615"},
+      {"1", "int32", "-2147483648", "1", "int32,-2147483648"},
+      {"1", "uint32", "4294967295", "1", "uint32,4294967295"},
+      {"1", "int16", "-32768", "1", "int16,-32768"},
+      {"1", "uint16", "65535", "1", "uint16,65535"},
+      {"1", "int8", "-128", "1", "int8,-128"},
+      {"1", "uint8", "255", "1", "uint8,255"},
+      {"1", "datetime", "133000000000000001", "1", "datetime,133000000000000001"},
+      {"1", "bool", "true", "1", "bool,true"},
+      {"1", "null", "", "1", "null,"},
+      {"1", "json", "{\"a\":1}", "1", "json,\"{\"\"a\"\":1}\""},
+      {"1", "string", "two\nlines", "1", "string,\"two\nlines\""},
+      {"1", "string", "", "1", "string,\"\""},
+      {"1", "string", " padded", "1", "string,\" padded\""},
+      {"1", "string", "semi;colon", "1", "string,semi;colon"},
+  };
+  for (const auto& each : kCases) {
+    const std::string line = std::string(each.line) + ",7,Plant/Load," + each.end + ",1073741824\n";
+    EXPECT_EQ(written(each.time, each.type, each.value), line);
+  }
+  EXPECT_EQ(plantRowItem(-3, "a, b"), "-3,\"a, b\"");
+}
+
 TEST(PlantRowTest, EachOtherColumnIsCheckedToo) {
   const std::vector<std::string> good = {"1000", "7", "p", "bool", "true", "0"};
   PlantRow row;
@@ -174,7 +234,9 @@ TEST(PlantRowTest, EachOtherColumnIsCheckedToo) {
     const char* text;
     const char* reason;
   } kCases[] = {{0, "", "time_ms is no time in milliseconds"},
-                {0, "1.5", "time_ms is no time in milliseconds"},
+                {0, "1.", "time_ms is no time in milliseconds"},
+                {0, "1.00001", "time_ms is no time in milliseconds"},
+                {0, "1.5e3", "time_ms is no time in milliseconds"},
                 {0, "9223372036854775807", "time_ms is no time in milliseconds"},
                 {0, "-11644473600001", "time_ms is no time in milliseconds"},
                 {1, "x", "item_id is no integer"},
@@ -380,6 +442,64 @@ TEST_F(CsvSourceTest, RowsOfTheRecordingKeepTheirDistanceInTime) {
   replay(withHeader("1000,1,P/A,double,1,0\n3601000,1,P/A,double,2,0\n"), 18'000);
   EXPECT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(200));
   EXPECT_EQ(written(1, "P/A").size(), 2U);
+}
+
+// An archive whose buffer is half full with ten samples; what it holds leaves as the test says.
+class CsvSourceRoomTest : public CsvSourceTest {
+ protected:
+  static constexpr int kHalf = 10;
+
+  CsvSourceRoomTest() {
+    factory_.last().onWrite([this](const archive::ItemKey&, std::int32_t, const PinPtr&) {
+      if (++waiting_ > most_) most_ = waiting_.load();
+    });
+    factory_.last().onCrowded([this] { return waiting_ >= kHalf; });
+  }
+  ~CsvSourceRoomTest() override {
+    waiting_ = 0;
+    runner_.stop();
+    factory_.last().onWrite(nullptr);
+    factory_.last().onCrowded(nullptr);
+  }
+
+  static std::string rows(int count) {
+    std::string text;
+    for (int i = 0; i < count; ++i) text += std::to_string(1000 + i) + ",1,P/A,double,1,0\n";
+    return withHeader(text);
+  }
+  // Replays at a speed while the archive stores what waits, again and again.
+  void expectNothingLost(double speed) {
+    constexpr int kRows = 1000;
+    ASSERT_TRUE(runner_.start({recording(rows(kRows), speed)}));
+    ASSERT_TRUE(eventually([this] {
+      if (waiting_ >= kHalf) waiting_ = 0;
+      return trace_.countContaining("day.csv: done, 1000 rows replayed, 0 bad, ") == 1;
+    }));
+    const std::vector<PinPtr> samples = written(1, "P/A");
+    ASSERT_EQ(samples.size(), std::size_t{kRows});
+    for (std::size_t i = 1; i < samples.size(); ++i) {
+      EXPECT_EQ(samples[i]->time - samples[i - 1]->time, kTicksPerMillisecond) << i;
+    }
+    EXPECT_EQ(most_, kHalf);
+  }
+
+  std::atomic<int> waiting_{0};
+  std::atomic<int> most_{0};
+};
+
+TEST_F(CsvSourceRoomTest, AtFullSpeedItWaitsForRoomAndLosesNothing) { expectNothingLost(0); }
+
+TEST_F(CsvSourceRoomTest, FasterThanTheArchiveItWaitsForRoomAndLosesNothing) {
+  expectNothingLost(1e6);
+}
+
+TEST_F(CsvSourceRoomTest, AStopEndsTheWaitForRoomAndTheWaitingRowIsNotWritten) {
+  ASSERT_TRUE(runner_.start({recording(rows(1000))}));
+  ASSERT_TRUE(eventually([this] { return waiting_ == kHalf; }));
+  runner_.stop();
+  EXPECT_EQ(trace_.countContaining("day.csv: stopped, 10 rows replayed, 0 bad, "), 1);
+  // And the block's last value.
+  EXPECT_EQ(written(1, "P/A").size(), std::size_t{kHalf} + 1);
 }
 
 TEST_F(CsvSourceTest, StoppingEndsAWaitAtOnceAndTheBlocksWithIt) {
