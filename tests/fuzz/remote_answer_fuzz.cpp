@@ -1,10 +1,13 @@
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_input.h"
 #include "fuzz/fuzz_targets.h"
 #include "orva_database/remote_message.h"
 #include "orva_database/remote_source_info.h"
+
+// The bytes are the number of the local variable's type, then the text of an answer to three
+// questions with the randIDs 1, 2 and 3.
 
 namespace orva::fuzz {
 namespace {
@@ -18,9 +21,9 @@ void takeValues(const archive::RemoteItemReply& reply, OpcUa_Byte localType) {
   info.localType = localType;
   std::size_t taken = 0;
   for (const json::Value& value : reply.values->GetArray()) taken += info.addValue(value) ? 1 : 0;
-  if (info.values.size() != taken) throw std::logic_error("what is taken is there");
+  demand(info.values.size() == taken, "what is taken is there");
   for (const PinPtr& pin : info.values) {
-    if (pin->value.IsArray()) throw std::logic_error("no array is taken");
+    demand(!pin->value.IsArray(), "no array is taken");
     static_cast<void>(pin->value.ToText());
   }
 }
