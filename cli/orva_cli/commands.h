@@ -11,6 +11,6 @@ namespace orva::cli {
 void listCommand(const Options& options, HostClient& host, std::ostream& out, std::ostream& errors);
 void readCommand(const Options& options, HostClient& host, std::ostream& out);
 void tailCommand(const Options& options, HostClient& host, std::ostream& out);
-void statusCommand(HostClient& host, std::ostream& out);
+void statusCommand(const Options& options, HostClient& host, std::ostream& out);
 
 }  // namespace orva::cli

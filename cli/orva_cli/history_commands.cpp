@@ -65,6 +65,7 @@ void tailCommand(const Options& options, HostClient& host, std::ostream& out) {
   const std::int64_t fromMs =
       options.from ? std::max<std::int64_t>(options.from->at(list.hostTimeMs), 1) : list.hostTimeMs;
   std::vector<Followed> followed;
+  followed.reserve(items.size());
   for (const Item& item : items) {
     followed.push_back({item, fromMs * kTicksPerMillisecond + kUnixEpochTicks});
   }

@@ -61,6 +61,8 @@ void listCommand(const Options& options, HostClient& host, std::ostream& out,
   items.erase(std::remove_if(items.begin(), items.end(), isOther), items.end());
   if (options.format == Format::kJson) {
     printJson(items, out);
+  } else if (options.pathsOnly) {
+    for (const Item& item : items) out << item.path << '\n';
   } else if (!items.empty()) {
     printTable(items, out);
   }

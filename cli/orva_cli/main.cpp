@@ -4,23 +4,30 @@
 
 #include "orva_cli/commands.h"
 #include "orva_cli/failure.h"
+#include "orva_cli/store_commands.h"
 
 namespace {
 
 using namespace orva::cli;
 
-void execute(const Options& options) {
+// Gives the exit code.
+int execute(const Options& options) {
+  if (options.command == Command::kStore) return storeCommand(options, std::cout, std::cerr);
   HostClient host(options.host, options.token);
   switch (options.command) {
     case Command::kItems:
-      return listCommand(options, host, std::cout, std::cerr);
+      listCommand(options, host, std::cout, std::cerr);
+      break;
     case Command::kRead:
-      return readCommand(options, host, std::cout);
+      readCommand(options, host, std::cout);
+      break;
     case Command::kTail:
-      return tailCommand(options, host, std::cout);
-    case Command::kStatus:
-      return statusCommand(host, std::cout);
+      tailCommand(options, host, std::cout);
+      break;
+    default:
+      statusCommand(options, host, std::cout);
   }
+  return kExitFine;
 }
 
 }  // namespace
@@ -34,7 +41,7 @@ int main(int argc, char** argv) {
   try {
     Options options;
     if (const auto done = readOptions(argc, argv, options, std::cout, std::cerr)) return *done;
-    execute(options);
+    code = execute(options);
   } catch (const UsageError& error) {
     std::cerr << "orva: " << error.what() << '\n';
     code = kExitUsage;

@@ -2,6 +2,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include "orva_cli/completion.h"
+#include "orva_cli/man_page.h"
+
 namespace orva::cli {
 namespace {
 
@@ -13,6 +16,7 @@ constexpr const char* kExamples =
     "  orva read Plant/Tank/Level --from 2026-03-01T08:00 --to 2026-03-01T09:00 --csv > tank.csv\n"
     "  orva tail Plant/Tank/Level --json | jq .value\n"
     "  orva --host http://station:8580 status\n"
+    "  orva store check data/fast            is anything in this store damaged?\n"
     "\n"
     "Exit codes: 0 done, 1 failed, 2 wrong usage.";
 
@@ -20,13 +24,10 @@ constexpr const char* kTimes =
     "Times: now, -90s, -30m, -1h, -1d12h, -2w, 2026-03-01, 2026-03-01T08:00, with seconds where\n"
     "wanted, and with Z or +01:00 for another zone than that of this machine (or UTC by --utc).";
 
-// Reads times in the zone that was asked for, wherever that stands in the line.
-struct TimeTexts {
-  std::string from;
-  std::string to;
-  bool utc = false;
-  bool csv = false;
-  bool json = false;
+// Texts about the program itself that were asked for.
+struct OwnTexts {
+  std::string completionShell;
+  bool manPage = false;
 };
 
 std::optional<TimePhrase> timeOf(const std::string& option, const std::string& text, Zone zone) {
@@ -39,18 +40,11 @@ std::optional<TimePhrase> timeOf(const std::string& option, const std::string& t
   return time;
 }
 
-void addFormats(CLI::App& command, TimeTexts& texts, const std::string& json) {
-  CLI::Option* csv = command.add_flag("--csv", texts.csv, "comma separated values");
-  command.add_flag("--json", texts.json, json)->excludes(csv);
-  command.add_flag("--utc", texts.utc,
-                   "show and read times in UTC, not in the zone of this machine");
-  command.footer(kTimes);
-}
-
 void addItems(CLI::App& app, Options& out, TimeTexts& texts) {
   CLI::App* items = app.add_subcommand("items", "lists the host's variables");
   items->add_option("TEXT", out.words, "only those with all these texts in their path");
-  items->add_flag("--json", texts.json, "as JSON");
+  CLI::Option* json = items->add_flag("--json", texts.json, "as JSON");
+  items->add_flag("--paths", out.pathsOnly, "their paths alone, one a line")->excludes(json);
   items->callback([&out] { out.command = Command::kItems; });
 }
 
@@ -88,6 +82,30 @@ void addTail(CLI::App& app, Options& out, TimeTexts& texts) {
   tail->callback([&out] { out.command = Command::kTail; });
 }
 
+void addStatus(CLI::App& app, Options& out, TimeTexts& texts) {
+  CLI::App* status = app.add_subcommand("status", "says in words how the host fares");
+  status->add_flag("--json", texts.json, "as a JSON object");
+  status->callback([&out] { out.command = Command::kStatus; });
+}
+
+void addOwnTexts(CLI::App& app, OwnTexts& own) {
+  CLI::App* completion =
+      app.add_subcommand("completion", "prints a script that teaches a shell to complete lines");
+  completion->add_option("SHELL", own.completionShell, "which shell")
+      ->required()
+      ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+  app.add_subcommand("man", "prints the manual page")->group("")->callback([&own] {
+    own.manPage = true;
+  });
+}
+
+// True when something was shown.
+bool show(const CLI::App& app, const OwnTexts& own, std::ostream& shown) {
+  if (own.manPage) shown << manPage(app);
+  if (!own.completionShell.empty()) shown << completionScript(app, own.completionShell);
+  return own.manPage || !own.completionShell.empty();
+}
+
 void take(const TimeTexts& texts, Options& out) {
   out.zone = texts.utc ? Zone::kUtc : Zone::kLocal;
   out.from = timeOf("--from", texts.from, out.zone);
@@ -98,9 +116,17 @@ void take(const TimeTexts& texts, Options& out) {
 
 }  // namespace
 
+void addFormats(CLI::App& command, TimeTexts& texts, const std::string& json) {
+  CLI::Option* csv = command.add_flag("--csv", texts.csv, "comma separated values");
+  command.add_flag("--json", texts.json, json)->excludes(csv);
+  command.add_flag("--utc", texts.utc,
+                   "show and read times in UTC, not in the zone of this machine");
+  command.footer(kTimes);
+}
+
 std::optional<int> readOptions(int count, const char* const* arguments, Options& out,
                                std::ostream& shown, std::ostream& errors) {
-  CLI::App app("Reads the history that a running host keeps.", "orva");
+  CLI::App app("Reads the history that a running host keeps, and works on its stores.", "orva");
   app.set_version_flag("--version", "orva " ORVA_VERSION);
   app.add_option("--host", out.host, "the host's address (default: http://127.0.0.1:8580)")
       ->envname("ORVA_HOST")
@@ -115,13 +141,15 @@ std::optional<int> readOptions(int count, const char* const* arguments, Options&
   addItems(app, out, texts);
   addRead(app, out, texts);
   addTail(app, out, texts);
-  app.add_subcommand("status", "says in words how the host fares")->callback([&out] {
-    out.command = Command::kStatus;
-  });
+  addStatus(app, out, texts);
+  addStore(app, out.store, out.items, texts, [&out] { out.command = Command::kStore; });
+  OwnTexts own;
+  addOwnTexts(app, own);
   try {
     app.parse(count, arguments);
     if (app.get_subcommands().empty()) throw CLI::RequiredError("A command");
     take(texts, out);
+    if (show(app, own, shown)) return kExitFine;
   } catch (const CLI::ParseError& error) {
     return app.exit(error, shown, errors) == 0 ? kExitFine : kExitUsage;
   }

@@ -11,7 +11,6 @@ struct QualityWord {
   const char* words;
 };
 
-// The words of the trend page.
 constexpr QualityWord kQualityWords[] = {
     {0x00000000, "good"},
     {0x00960000, "good, local override"},
@@ -51,6 +50,12 @@ std::string qualityWords(StatusCode quality) {
     if (known.code == (quality & 0xFFFF0000)) return known.words;
   }
   return std::string(severityWord(quality)) + ", " + hexText(quality);
+}
+
+std::map<StatusCode, std::string> namedQualities() {
+  std::map<StatusCode, std::string> named;
+  for (const QualityWord& known : kQualityWords) named.emplace(known.code, known.words);
+  return named;
 }
 
 std::string itemWords(StatusCode code) {

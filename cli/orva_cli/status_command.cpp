@@ -6,13 +6,14 @@
 
 namespace orva::cli {
 
-void statusCommand(HostClient& host, std::ostream& out) {
+void statusCommand(const Options& options, HostClient& host, std::ostream& out) {
   const std::vector<Metric> metrics = readMetrics(host.get("/metrics").body);
   const auto isHost = [](const Metric& metric) { return metric.name == "orva_host_build_info"; };
   if (std::none_of(metrics.begin(), metrics.end(), isHost)) {
     throw Failure("what answers at " + host.url() + " is no host of this kind: it has no metrics");
   }
-  out << statusText(metrics, host.url());
+  const auto print = options.format == Format::kJson ? statusJson : statusText;
+  out << print(hostStatus(metrics), host.url());
 }
 
 }  // namespace orva::cli

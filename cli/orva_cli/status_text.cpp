@@ -2,44 +2,12 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <set>
 #include <sstream>
+
+#include "share/json.h"
 
 namespace orva::cli {
 namespace {
-
-// `{a="x",b="y"}` from `at` on; `at` moves behind it. False when it is of another form.
-bool takeLabels(const std::string& line, std::size_t& at,
-                std::map<std::string, std::string>& labels) {
-  ++at;
-  while (at < line.size() && line[at] != '}') {
-    const std::size_t equals = line.find("=\"", at);
-    if (equals == std::string::npos) return false;
-    std::string& value = labels[line.substr(at, equals - at)];
-    at = equals + 2;
-    for (; at < line.size() && line[at] != '"'; ++at) {
-      if (line[at] != '\\') {
-        value += line[at];
-      } else if (++at < line.size()) {
-        value += line[at] == 'n' ? '\n' : line[at];
-      }
-    }
-    ++at;
-    if (at < line.size() && line[at] == ',') ++at;
-  }
-  return at < line.size() && line[at++] == '}';
-}
-
-bool readMetric(const std::string& line, Metric& out) {
-  std::size_t at = line.find_first_of("{ ");
-  if (line.empty() || line[0] == '#' || at == std::string::npos) return false;
-  out.name = line.substr(0, at);
-  if (line[at] == '{' && !takeLabels(line, at, out.labels)) return false;
-  char* end = nullptr;
-  out.value = std::strtod(line.c_str() + at, &end);
-  return end != line.c_str() + at;
-}
 
 std::string printed(const char* format, double number) {
   char text[64];
@@ -61,111 +29,149 @@ std::string duration(double seconds) {
                            : printed("%.1f days", seconds / 86'400);
 }
 
+double total(const std::map<std::string, double>& rules) {
+  double sum = 0;
+  for (const auto& rule : rules) sum += rule.second;
+  return sum;
+}
+
 class StatusWriter {
  public:
-  explicit StatusWriter(const std::vector<Metric>& metrics) : metrics_(metrics) {}
+  explicit StatusWriter(const HostStatus& status) : status_(status) {}
 
   std::string text(const std::string& url) {
     host(url);
     cache();
-    filter("accepted", "orva_samples_accepted_total");
-    filter("refused", "orva_samples_refused_total");
-    reads();
-    for (const std::string& name : archives()) archive(name);
+    filter("accepted", status_.accepted);
+    filter("refused", status_.refused);
+    out_ << "reads     " << count(status_.reads) << " served, " << count(status_.openReads)
+         << " waiting, " << count(status_.readTimeouts) << " given up\n";
+    for (const ArchiveStatus& each : status_.archives) archive(each);
     return out_.str();
   }
 
  private:
-  double sum(const std::string& name, const std::string& archive = {}) const {
-    double total = 0;
-    for (const Metric& metric : metrics_) {
-      const auto label = metric.labels.find("archive");
-      const bool isMine =
-          archive.empty() || (label != metric.labels.end() && label->second == archive);
-      if (metric.name == name && isMine) total += metric.value;
-    }
-    return total;
-  }
-  std::set<std::string> archives() const {
-    std::set<std::string> names;
-    for (const Metric& metric : metrics_) {
-      const auto label = metric.labels.find("archive");
-      if (label != metric.labels.end()) names.insert(label->second);
-    }
-    return names;
-  }
-
   void host(const std::string& url) {
     out_ << "host      " << url;
-    for (const Metric& metric : metrics_) {
-      const auto version = metric.labels.find("version");
-      if (metric.name == "orva_host_build_info" && version != metric.labels.end()) {
-        out_ << ", version " << version->second;
-      }
-    }
-    out_ << ", up for " << duration(sum("orva_host_uptime_seconds")) << ", "
-         << bytes(sum("orva_host_resident_bytes")) << " of memory\n";
+    if (!status_.version.empty()) out_ << ", version " << status_.version;
+    out_ << ", up for " << duration(status_.uptimeSeconds) << ", " << bytes(status_.residentBytes)
+         << " of memory\n";
   }
   void cache() {
-    const double hits = sum("orva_cache_hits_total");
-    const double all = hits + sum("orva_cache_misses_total");
-    out_ << "cache     " << count(sum("orva_cache_items")) << " items, "
-         << count(sum("orva_cache_blocks")) << " of " << count(sum("orva_cache_capacity_blocks"))
-         << " blocks";
-    if (all > 0)
-      out_ << ", " << printed("%.1f", 100 * hits / all) << " % of what is read comes from it";
+    const double all = status_.hits + status_.misses;
+    out_ << "cache     " << count(status_.items) << " items, " << count(status_.blocks) << " of "
+         << count(status_.capacityBlocks) << " blocks";
+    if (all > 0) {
+      out_ << ", " << printed("%.1f", 100 * status_.hits / all)
+           << " % of what is read comes from it";
+    }
     out_ << '\n';
   }
   // "refused   3 new values: 2 equal, 1 old time"
-  void filter(const char* what, const std::string& name) {
-    std::string rules;
-    for (const Metric& metric : metrics_) {
-      const auto rule = metric.labels.find("rule");
-      if (metric.name != name || metric.value <= 0 || rule == metric.labels.end()) continue;
-      std::string words = rule->second;
-      std::replace(words.begin(), words.end(), '_', ' ');
-      rules += (rules.empty() ? ": " : ", ") + count(metric.value) + " " + words;
-    }
+  void filter(const char* what, const std::map<std::string, double>& rules) {
     char label[16];
     std::snprintf(label, sizeof label, "%-10s", what);
-    out_ << label << count(sum(name)) << " new values" << rules << '\n';
+    out_ << label << count(total(rules)) << " new values";
+    const char* separator = ": ";
+    for (const auto& [rule, samples] : rules) {
+      std::string words = rule;
+      std::replace(words.begin(), words.end(), '_', ' ');
+      out_ << separator << count(samples) << ' ' << words;
+      separator = ", ";
+    }
+    out_ << '\n';
   }
-  void reads() {
-    out_ << "reads     " << count(sum("orva_reads_total")) << " served, "
-         << count(sum("orva_open_requests")) << " waiting, "
-         << count(sum("orva_read_timeouts_total")) << " given up\n";
+  void archive(const ArchiveStatus& archive) {
+    out_ << "archive   " << archive.name << ": " << count(archive.writtenSamples)
+         << " values written, " << count(archive.bufferedSamples) << " waiting, "
+         << bytes(archive.fileBytes) << '\n';
+    warn(archive.failures, " writes failed: the host's log says why");
+    warn(archive.droppedSamples, " values lost: raise \"writeBufferSize\", see the log");
+    warn(archive.damagedSegments, " damaged stretches: replace the disk");
   }
-  void archive(const std::string& name) {
-    const double dropped = sum("orva_sqlite_dropped_samples_total", name);
-    const double failures = sum("orva_sqlite_failures_total", name);
-    const double damaged = sum("orva_sqlite_damaged_segments_total", name);
-    out_ << "archive   " << name << ": " << count(sum("orva_sqlite_written_samples_total", name))
-         << " values written, " << count(sum("orva_sqlite_buffered_samples", name)) << " waiting, "
-         << bytes(sum("orva_sqlite_file_bytes", name)) << '\n';
-    if (failures > 0) warn(count(failures) + " writes failed: the host's log says why");
-    if (dropped > 0) warn(count(dropped) + " values lost: raise \"writeBufferSize\", see the log");
-    if (damaged > 0) warn(count(damaged) + " damaged stretches: replace the disk");
+  void warn(double number, const char* text) {
+    if (number > 0) out_ << "  !       " << count(number) << text << '\n';
   }
-  void warn(const std::string& text) { out_ << "  !       " << text << '\n'; }
 
-  const std::vector<Metric>& metrics_;
+  const HostStatus& status_;
   std::ostringstream out_;
 };
 
-}  // namespace
+using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
-std::vector<Metric> readMetrics(const std::string& text) {
-  std::vector<Metric> metrics;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    Metric metric;
-    if (readMetric(line, metric)) metrics.push_back(std::move(metric));
-  }
-  return metrics;
+void put(Writer& writer, const char* key, double number) {
+  writer.Key(key);
+  writer.Int64(static_cast<std::int64_t>(number));
 }
 
-std::string statusText(const std::vector<Metric>& metrics, const std::string& url) {
-  return StatusWriter(metrics).text(url);
+void put(Writer& writer, const char* key, const std::string& text) {
+  writer.Key(key);
+  writer.String(text);
+}
+
+void put(Writer& writer, const char* key, const std::map<std::string, double>& rules) {
+  writer.Key(key);
+  writer.StartObject();
+  for (const auto& [rule, samples] : rules) put(writer, rule.c_str(), samples);
+  writer.EndObject();
+}
+
+void putCache(Writer& writer, const HostStatus& status) {
+  writer.Key("cache");
+  writer.StartObject();
+  put(writer, "items", status.items);
+  put(writer, "blocks", status.blocks);
+  put(writer, "capacityBlocks", status.capacityBlocks);
+  put(writer, "hits", status.hits);
+  put(writer, "misses", status.misses);
+  writer.EndObject();
+}
+
+void putReads(Writer& writer, const HostStatus& status) {
+  writer.Key("reads");
+  writer.StartObject();
+  put(writer, "served", status.reads);
+  put(writer, "waiting", status.openReads);
+  put(writer, "givenUp", status.readTimeouts);
+  writer.EndObject();
+}
+
+void putArchive(Writer& writer, const ArchiveStatus& archive) {
+  writer.StartObject();
+  put(writer, "name", archive.name);
+  put(writer, "writtenSamples", archive.writtenSamples);
+  put(writer, "bufferedSamples", archive.bufferedSamples);
+  put(writer, "fileBytes", archive.fileBytes);
+  put(writer, "failures", archive.failures);
+  put(writer, "droppedSamples", archive.droppedSamples);
+  put(writer, "damagedSegments", archive.damagedSegments);
+  writer.EndObject();
+}
+
+}  // namespace
+
+std::string statusText(const HostStatus& status, const std::string& url) {
+  return StatusWriter(status).text(url);
+}
+
+std::string statusJson(const HostStatus& status, const std::string& url) {
+  rapidjson::StringBuffer text;
+  Writer writer(text);
+  writer.StartObject();
+  put(writer, "host", url);
+  put(writer, "version", status.version);
+  put(writer, "uptimeSeconds", status.uptimeSeconds);
+  put(writer, "residentBytes", status.residentBytes);
+  putCache(writer, status);
+  put(writer, "accepted", status.accepted);
+  put(writer, "refused", status.refused);
+  putReads(writer, status);
+  writer.Key("archives");
+  writer.StartArray();
+  for (const ArchiveStatus& archive : status.archives) putArchive(writer, archive);
+  writer.EndArray();
+  writer.EndObject();
+  return std::string(text.GetString(), text.GetSize()) + "\n";
 }
 
 }  // namespace orva::cli

@@ -193,9 +193,21 @@ TEST_F(CommandLineToolTest, StatusSaysHowTheHostFares) {
   const ProgramResult result = orva("status");
   EXPECT_EQ(result.exitCode, 0) << result.err;
   EXPECT_THAT(result.out, StartsWith("host      " + url() + ", version "));
-  EXPECT_THAT(result.out, HasSubstr("accepted  25003 new values: 2 first, 25001 all values\n"));
+  EXPECT_THAT(result.out, HasSubstr("accepted  25003 new values: 25001 all values, 2 first\n"));
   EXPECT_THAT(result.out, HasSubstr("refused   0 new values\n"));
   EXPECT_THAT(result.out, HasSubstr("archive   store: "));
+}
+
+TEST_F(CommandLineToolTest, StatusGivesItsFiguresAsJson) {
+  const ProgramResult result = orva("status --json");
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  json::Document status;
+  status.Parse(result.out.c_str());
+  ASSERT_TRUE(status.IsObject()) << result.out;
+  EXPECT_EQ(status["host"].GetString(), url());
+  EXPECT_EQ(status["accepted"]["all_values"].GetInt(), 25'001);
+  EXPECT_STREQ(status["archives"][0]["name"].GetString(), "store");
+  EXPECT_GE(status["archives"][0]["writtenSamples"].GetInt(), kCount);
 }
 
 TEST_F(CommandLineToolTest, AHostThatIsNotThereIsNamed) {

@@ -66,7 +66,9 @@ TEST(OptionsTest, JsonOfTailHasALineForEachValue) {
 TEST(OptionsTest, WhatIsWrongIsSaidAndEndsWithTwo) {
   const std::vector<std::pair<std::vector<const char*>, const char*>> wrong = {
       {{}, "A command is required"},
-      {{"store"}, "not expected"},
+      {{"storage"}, "not expected"},
+      {{"store"}, "One of check, stat, export, import and compact is required"},
+      {{"store", "nonsense"}, "not expected"},
       {{"read"}, "ITEM is required"},
       {{"read", "A", "--from", "noon"}, "--from: \"noon\" is no time"},
       {{"read", "A", "--to", "2026-02-30"}, "--to: \"2026-02-30\" is no time"},

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "orva_cli/status_text.h"
+#include "share/json.h"
 
 namespace orva::cli {
 namespace {
@@ -34,22 +35,40 @@ nonsense
 )";
 
 TEST(StatusTextTest, TheFiguresStandInWords) {
-  const std::string text = statusText(readMetrics(kMetrics), "http://station:1");
+  const std::string text = statusText(hostStatus(readMetrics(kMetrics)), "http://station:1");
   EXPECT_THAT(text, HasSubstr("host      http://station:1, version 0.1.0, up for 2.0 h, 13.5 MB"));
   EXPECT_THAT(text, HasSubstr("cache     2 items, 27 of 1638 blocks, 75.0 %"));
-  EXPECT_THAT(text, HasSubstr("accepted  42 new values: 2 first, 40 all values\n"));
+  EXPECT_THAT(text, HasSubstr("accepted  42 new values: 40 all values, 2 first\n"));
   EXPECT_THAT(text, HasSubstr("refused   5 new values: 5 old time\n"));
   EXPECT_THAT(text, HasSubstr("archive   store: 40 values written, 2 waiting, 2.5 MB\n"));
 }
 
 TEST(StatusTextTest, LossesAreNamedOfTheArchiveThatHasThem) {
-  const std::string text = statusText(readMetrics(kMetrics), "http://station:1");
+  const std::string text = statusText(hostStatus(readMetrics(kMetrics)), "http://station:1");
   const std::size_t bad = text.find("archive   bad \"one\": 1 values written");
   const std::size_t store = text.find("archive   store");
   ASSERT_LT(bad, store) << text;
   EXPECT_THAT(text.substr(bad, store - bad), HasSubstr("!       3 values lost"));
   EXPECT_THAT(text.substr(bad, store - bad), HasSubstr("!       4 writes failed"));
   EXPECT_THAT(text.substr(store), Not(HasSubstr("!")));
+}
+
+TEST(StatusTextTest, TheJsonHasTheFiguresAsTheyAre) {
+  json::Document status;
+  status.Parse(statusJson(hostStatus(readMetrics(kMetrics)), "http://station:1"));
+  json::Document expected;
+  expected.Parse(R"({"host": "http://station:1", "version": "0.1.0", "uptimeSeconds": 7200,
+    "residentBytes": 13500000,
+    "cache": {"items": 2, "blocks": 27, "capacityBlocks": 1638, "hits": 3, "misses": 1},
+    "accepted": {"all_values": 40, "first": 2}, "refused": {"old_time": 5},
+    "reads": {"served": 9, "waiting": 0, "givenUp": 0},
+    "archives": [
+      {"name": "bad \"one\"", "writtenSamples": 1, "bufferedSamples": 0, "fileBytes": 0,
+       "failures": 4, "droppedSamples": 3, "damagedSegments": 0},
+      {"name": "store", "writtenSamples": 40, "bufferedSamples": 2, "fileBytes": 2500000,
+       "failures": 0, "droppedSamples": 0, "damagedSegments": 0}]})");
+  ASSERT_FALSE(expected.HasParseError());
+  EXPECT_EQ(status, expected);
 }
 
 }  // namespace
