@@ -1,8 +1,11 @@
 // The examples of the documentation, run as they stand there.
 
+#include "support/documentation.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -85,7 +88,7 @@ class JsonMethodsPageTest : public ::testing::Test {
 
 TEST_F(JsonMethodsPageTest, EachRequestHasTheReplyThatStandsBelowIt) {
   for (const auto& [page, atLeast] :
-       {std::pair("docs/json-methods.md", 7), std::pair("docs/grafana.md", 1)}) {
+       {std::pair("docs/json-methods.md", 18), std::pair("docs/grafana.md", 1)}) {
     const std::vector<Fence> fences = fencesOf(page);
     int examples = 0;
     for (std::size_t i = 0; i + 1 < fences.size(); ++i) {
@@ -99,12 +102,34 @@ TEST_F(JsonMethodsPageTest, EachRequestHasTheReplyThatStandsBelowIt) {
   }
 }
 
+// Each method and address that the sources register has an example on one of the pages.
+TEST(MethodsPageTest, EachMethodHasAnExample) {
+  std::set<std::string> documented;
+  for (const char* page : {"docs/json-methods.md", "docs/grafana.md"}) {
+    for (const Fence& fence : fencesOf(page)) {
+      const std::string start = "json request ";
+      if (fence.info.find(start) != 0) continue;
+      documented.insert(fence.info.substr(start.size(), fence.info.find('?') - start.size()));
+    }
+  }
+  std::set<std::string> registered;
+  const std::regex method(R"re(\{"/Methods/(\w+)",|route\.path = "(/api/\w+)")re");
+  for (const auto& [name, source] : deliveredSources()) {
+    for (std::sregex_iterator at(source.begin(), source.end(), method), end; at != end; ++at) {
+      registered.insert((*at)[1].matched ? (*at)[1].str() : "GET " + (*at)[2].str());
+    }
+  }
+  EXPECT_GE(registered.size(), 7U);
+  EXPECT_EQ(documented, registered);
+}
+
 // What is typed stands behind "$ ", below it what is printed.
 TEST_F(JsonMethodsPageTest, TheCommandsOfTheCommandLinePagePrintWhatStandsBelowThem) {
   const std::string shell = "orva() { " ORVA_LAUNCHER " " ORVA_CLI_PROGRAM
                             " \"$@\"; }\n"
                             "export ORVA_HOST=http://127.0.0.1:" +
-                            std::to_string(plant_.port()) + "\n";
+                            std::to_string(plant_.port()) + "\ncd '" + plant_.folder().path() +
+                            "'\n";
   int commands = 0;
   for (const Fence& fence : fencesOf("docs/command-line.md")) {
     if (fence.info != "console session") continue;
@@ -118,7 +143,7 @@ TEST_F(JsonMethodsPageTest, TheCommandsOfTheCommandLinePagePrintWhatStandsBelowT
     const ProgramResult result = runProgram({"/bin/sh", "-c", script});
     EXPECT_EQ(result.out, fence.text) << result.err;
   }
-  EXPECT_GE(commands, 8);
+  EXPECT_GE(commands, 16);
 }
 
 json::Document jsonFile(const std::string& name) {
