@@ -33,5 +33,5 @@ say "build release"
 configure release
 page=()
 if command -v node >/dev/null && command -v npm >/dev/null; then page=(orva_web); fi
-build release "${page[@]}" orva_host orva_database orva_sqlite orva_events_log orva_read_history
+build release "${page[@]}" orva_host orva orva_database orva_sqlite orva_events_log orva_read_history
 exec scripts/lib/run_demo.sh "$seconds" "$port"

@@ -5,18 +5,20 @@ cd "$(dirname "$0")/.."
 
 usage() {
   cat <<USAGE
-usage: scripts/setup.sh [--checks] [--armhf] [--page] [--fleet]
+usage: scripts/setup.sh [--checks] [--armhf] [--page] [--fleet] [--fuzz] [--package]
 
 Installs what building and testing needs from the system's packages (Debian 12), if it is missing.
   --checks  also clang, clang-format, clang-tidy and gcovr
   --armhf   also the 32-bit ARM compiler, qemu and the sysroot that the armhf preset uses
   --page    also node and npm, where they are missing, and the browser for its test
   --fleet   also what scripts/fleet-proof.sh needs: network namespaces, loss, other clocks
+  --fuzz    also clang, and its fuzzer and sanitizers
+  --package also what scripts/package.sh and scripts/package-test.sh need
 USAGE
 }
 
 packages=(g++ cmake ninja-build pkg-config ccache mold git
-  libboost-dev rapidjson-dev liblua5.2-dev libsqlite3-dev libzstd-dev libcli11-dev
+  libboost-dev rapidjson-dev liblua5.2-dev libsqlite3-dev sqlite3 libzstd-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev)
 armhf=no
 while (($# > 0)); do
@@ -32,6 +34,11 @@ while (($# > 0)); do
       command -v node >/dev/null && command -v npm >/dev/null || packages+=(nodejs npm)
       ;;
     --fleet) packages+=(python3 iproute2 iptables faketime) ;;
+    --fuzz) packages+=(clang libclang-rt-dev) ;;
+    --package)
+      packages+=(dpkg-dev file lintian debootstrap curl iproute2 procps)
+      command -v node >/dev/null && command -v npm >/dev/null || packages+=(nodejs npm)
+      ;;
     -h | --help)
       usage
       exit 0

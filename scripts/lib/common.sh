@@ -15,11 +15,11 @@ usage_error() {
   exit 2
 }
 
-# configure PRESET: quiet unless it fails.
+# configure PRESET [OPTION...]: quiet unless it fails.
 configure() {
   local log=build/configure-$1.log
   mkdir -p build
-  if ! cmake --preset "$1" >"$log" 2>&1; then
+  if ! cmake --preset "$@" >"$log" 2>&1; then
     cat "$log" >&2
     fail "configuring $1 failed"
   fi

@@ -86,7 +86,7 @@ if ((seconds > 0)); then
 fi
 cat <<NEXT
 == it goes on until Ctrl-C; meanwhile, in another terminal:
-   $bin/orva_read_history --port $port --seconds 300 System/Cpu/Load
+   $bin/orva --host http://127.0.0.1:$port read System/Cpu/Load --from -5m
    curl http://127.0.0.1:$port/metrics
    and in a browser: http://127.0.0.1:$port/?item=Plant/Tank/Level&item=Plant/Tank/Pump&last=10m
    tail -f $folder/host.log
