@@ -1,9 +1,10 @@
 # What most sources include, for the precompiled headers. RapidJSON comes by way of share/json.h, which
-# insists on being the first to include it.
+# insists on being the first to include it; not by an absolute path, which ccache would not make
+# relative, so that no clone found what another one has compiled.
 set(ORVA_COMMON_HEADERS
   <algorithm> <functional> <map> <memory> <set> <string> <unordered_map> <vector>
   <boost/make_shared.hpp> <boost/shared_ptr.hpp>
-  ${PROJECT_SOURCE_DIR}/include/share/json.h)
+  <share/json.h>)
 
 # orva_glob(<variable> <pattern>...): the sources of the current folder that match, followed as
 # files come and go.
