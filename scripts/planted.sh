@@ -4,13 +4,14 @@ source "$(dirname "$0")/lib/common.sh"
 
 usage() {
   cat <<USAGE
-usage: scripts/planted.sh [--only NN,...] [--turn] [--search] [--jobs N]
+usage: scripts/planted.sh [--only NN,...] [--turn] [--named | --search] [--jobs N]
 
 Applies each patch of tests/planted to a copy of the last commit, builds it and runs tests until one
 fails: the tests that the patch names, then unit, model and e2e. The same tests have to pass without
 the patch. Exit code 0 if every mistake is found.
   --only NN,...  only the patches of these numbers
-  --turn         four of them, others every day
+  --turn         four of them, others every day, with --named
+  --named        run no tests but those that a patch names
   --search       run all tests also where a patch names some
   --jobs N       build with N processes (default: the number of processors)
 USAGE
@@ -18,12 +19,14 @@ USAGE
 
 only=
 turn=no
+named=no
 search=no
 jobs=$(nproc)
 while (($# > 0)); do
   case $1 in
     --only) only=${2:?--only needs numbers} && shift ;;
-    --turn) turn=yes ;;
+    --turn) turn=yes named=yes ;;
+    --named) named=yes ;;
     --search) search=yes ;;
     --jobs) jobs=${2:?--jobs needs a number} && shift ;;
     -h | --help) usage && exit 0 ;;
@@ -44,7 +47,7 @@ export ASAN_OPTIONS=detect_leaks=1 TSAN_OPTIONS=halt_on_error=1
 name_of() { basename "$1" .patch; }
 # header PATCH KEY: what stands behind "KEY: " in the lines above the diff.
 header() { sed -n "/^diff /q; s/^$2: //p" "$1"; }
-# Where a patch is tried: the preset, or clang for the analysis alone.
+# Where a patch is tried: in the dev preset, under tsan, or by clang's analysis alone.
 check_of() { header "$1" Check | grep . || echo dev; }
 
 all=("$patches_folder"/*.patch)
@@ -53,7 +56,7 @@ select_patches() {
   if [[ $turn == yes ]]; then
     for number in 0 1 2 3; do echo "${all[(day * 4 + number) % ${#all[@]}]}"; done
   elif [[ -n $only ]]; then
-    for number in ${only//,/ }; do ls "$patches_folder/$(printf %02d "$((10#$number))")"-*.patch; done
+    for number in ${only//,/ }; do printf '%s\n' "${all[@]}" | grep "/$(printf %02d "$((10#$number))")-"; done
   else
     printf '%s\n' "${all[@]}"
   fi
@@ -95,24 +98,38 @@ unit_sources() {
   printf '%s\n' "${files[@]}" | sort -u | paste -sd '|'
 }
 
-# configured PRESET SOURCES
+# configured SOURCES
 configured() {
-  cmake -S "$copy" -B "$copy/build/$1" --preset "$1" "-DORVA_UNIT_ONLY=$2" >"$work/configure.log" 2>&1 ||
-    { cat "$work/configure.log" >&2 && fail "configuring $1 failed"; }
+  cmake -S "$copy" -B "$copy/build/dev" --preset dev "-DORVA_UNIT_ONLY=$1" >"$work/configure.log" 2>&1 ||
+    { cat "$work/configure.log" >&2 && fail "configuring failed"; }
 }
 
-target_of() { echo "orva_$1_tests"; }
-# built PRESET LABEL
-built() { ninja -C "$copy/build/$1" -j "$jobs" "$(target_of "$2")" >"$work/build.log" 2>&1; }
+# program CHECK LABEL
+program() {
+  if [[ $1 == tsan ]]; then echo "$work/tsan_tests"; else echo "$copy/build/dev/bin/orva_$2_tests"; fi
+}
+
+# built CHECK LABEL PATCH: for the thread sanitizer only the few files that the patch names, as a
+# program of their own: the preset would take many minutes.
+built() {
+  if [[ $1 == tsan ]]; then
+    # shellcheck disable=SC2046
+    (cd "$copy" && g++ -std=c++17 -O1 -g1 -fsanitize=thread -ffunction-sections -Wl,--gc-sections \
+      -DRAPIDJSON_HAS_STDSTRING=1 -Iinclude -Iaddins -Ihost -Itests $(header "$3" Sources) \
+      -o "$(program "$1" "$2")" -lgtest -lgtest_main -pthread) >"$work/build.log" 2>&1
+  else
+    ninja -C "$copy/build/dev" -j "$jobs" "orva_$2_tests" >"$work/build.log" 2>&1
+  fi
+}
 
 # ---- running tests
 
 caught_by= # the test that failed
-# passes PRESET LABEL FILTER SECONDS: whether the tests pass; a test that does not end does not.
+# passes CHECK LABEL FILTER SECONDS: whether the tests pass; a test that does not end does not.
 passes() {
   local log=$work/$1-$2.log status=0
   mkdir -p "$work/run"
-  (cd "$work/run" && timeout --kill-after=10 "$4" "$copy/build/$1/bin/$(target_of "$2")" \
+  (cd "$work/run" && timeout --kill-after=10 "$4" "$(program "$1" "$2")" \
     "--gtest_filter=$3" --gtest_fail_fast >"$log" 2>&1 </dev/null) || status=$?
   ((status != 0)) || return 0
   caught_by=$(sed -n 's/^\[  FAILED  \] \([^ ,]*\).*/\1/p' "$log" | head -n 1)
@@ -149,27 +166,27 @@ declare -A limit # seconds for the tests that a patch names: many times what the
 
 # Shows that the tests named by the patches pass.
 show_clean() {
-  local patch preset label filter start
+  local patch check label filter start
   for patch in "${patches[@]}"; do
-    preset=$(check_of "$patch")
-    if [[ $preset == clang ]]; then
+    check=$(check_of "$patch")
+    if [[ $check == clang ]]; then
       analysed "$patch" || { cat "$work/clang.log" && fail "clang refuses the sources as they are"; }
       continue
     fi
     read -r label filter < <(header "$patch" Tests) || continue
-    built "$preset" "$label" || { cat "$work/build.log" && fail "the sources do not build as they are"; }
+    built "$check" "$label" "$patch" || { cat "$work/build.log" && fail "the sources do not build as they are"; }
     start=$SECONDS
-    passes "$preset" "$label" "$filter" 600 || fail "without a mistake fails: $caught_by"
-    grep -q '^\[  PASSED  \] [1-9]' "$work/$preset-$label.log" || fail "$(name_of "$patch") names no test: $filter"
+    passes "$check" "$label" "$filter" 600 || fail "without a mistake fails: $caught_by"
+    grep -q '^\[  PASSED  \] [1-9]' "$work/$check-$label.log" || fail "$(name_of "$patch") names no test: $filter"
     limit[$patch]=$((60 + 10 * (SECONDS - start)))
   done
 }
 
 # ---- with one
 
-# try PRESET LABEL FILTER SECONDS: 0 when a test fails, 1 when none does.
+# try CHECK LABEL FILTER SECONDS PATCH: 0 when a test fails, 1 when none does.
 try() {
-  if ! built "$1" "$2"; then
+  if ! built "$1" "$2" "$5"; then
     tail -n 30 "$work/build.log"
     broken=yes
     return 0
@@ -179,23 +196,23 @@ try() {
 
 # find PATCH: 0 when something finds the mistake that is in the copy; where.
 find_mistake() {
-  local patch=$1 preset label filter
-  preset=$(check_of "$patch")
-  if [[ $preset == clang ]]; then
+  local patch=$1 check label filter
+  check=$(check_of "$patch")
+  if [[ $check == clang ]]; then
     where=clang caught_by="clang's thread safety analysis"
     ! analysed "$patch"
     return
   fi
-  where=$preset
+  where=$check
   if [[ $search == no ]] && read -r label filter < <(header "$patch" Tests); then
-    if [[ $preset == dev ]]; then where=$label; fi
-    try "$preset" "$label" "$filter" "${limit[$patch]}" && return 0
+    if [[ $check == dev ]]; then where=$label; fi
+    try "$check" "$label" "$filter" "${limit[$patch]}" "$patch" && return 0
   fi
-  [[ $preset == dev ]] || return 1
-  configured dev ''
+  [[ $check == dev && $named == no ]] || return 1
+  configured ''
   for label in unit model e2e; do
     where=$label
-    try dev "$label" '*' 900 && searched=yes && return 0
+    try dev "$label" '*' 900 "$patch" && searched=yes && return 0
   done
   return 1
 }
@@ -217,7 +234,7 @@ one() {
   # A test that was not run before has to pass without the mistake.
   if [[ $found$broken$searched == yesnoyes ]]; then
     local test=${caught_by%%[, ]*} by=$caught_by
-    if ! built dev "$where" || ! passes dev "$where" "$test" 600; then
+    if ! built dev "$where" "$patch" || ! passes dev "$where" "$test" 600; then
       printf '%s fails without a mistake\n' "$test"
       found=no
     fi
@@ -239,19 +256,16 @@ say "a copy of $(git rev-parse --short HEAD)"
 make_copy
 drop_old_headers
 for_dev=()
-for_tsan=()
 for patch in "${patches[@]}"; do
   case $(check_of "$patch") in
     dev) for_dev+=("$patch") ;;
-    tsan) for_tsan+=("$patch") ;;
-    clang) ;; # takes its command lines from the dev preset
+    tsan | clang) ;; # clang takes its command lines from the dev preset
     *) fail "$(name_of "$patch") has an unknown check" ;;
   esac
 done
 sources=
 if [[ $search == no ]]; then sources=$(unit_sources "${for_dev[@]}"); fi
-configured dev "$sources"
-if ((${#for_tsan[@]} > 0)); then configured tsan "$(unit_sources "${for_tsan[@]}")"; fi
+configured "$sources"
 
 say "without a mistake"
 show_clean

@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
 #include <limits>
-#include <thread>
 #include <vector>
 
 #include "orva_database/data_block.h"
@@ -266,31 +264,6 @@ TEST(BlockStorageTest, DroppedBlocksDieAfterTheLockIsReleased) {
   for (const auto& block : blocks) {
     if (const auto live = block.lock()) live->onDeath = nullptr;
   }
-}
-
-TEST(BlockStorageTest, ThreadsMakeAndUseBlocksTogether) {
-  const auto storage = BlockStorage::make(kSmall);
-  std::atomic<int> used{0};
-  const auto work = [&] {
-    std::vector<WeakBlock> mine;
-    for (int i = 0; i < 2000; ++i) {
-      mine.push_back(storage->make_new());
-      for (std::size_t k = mine.size() > 5 ? mine.size() - 5 : 0; k < mine.size(); ++k) {
-        if (const BlockPtr block = mine[k].lock()) {
-          block->used();
-          ++used;
-        }
-      }
-    }
-  };
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) threads.emplace_back(work);
-  for (std::thread& thread : threads) thread.join();
-  const Counts counts = countsOf(*storage);
-  EXPECT_EQ(counts.firstIn, 2U);
-  EXPECT_LE(counts.probation, 4U);
-  EXPECT_LE(counts.main, 2U);
-  EXPECT_GT(used.load(), 0);
 }
 
 }  // namespace orva::cache
