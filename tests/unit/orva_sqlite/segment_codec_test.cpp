@@ -270,6 +270,17 @@ TEST(ColumnsTest, SortingKeepsEqualTimesInTheOrderOfArrival) {
   EXPECT_EQ(order, (std::vector<double>{4, 2, 5, 1, 3}));
 }
 
+TEST(ColumnsTest, SortingMovesAllThatBelongsToASample) {
+  const std::vector<PinPtr> sorted = {makePin(1, realValue(7), 0x80000000),
+                                      makePin(2, textValue("two")),
+                                      makePin(3, realValue(9), 0x40000000)};
+  Columns columns = columnsOf({sorted[2], sorted[0], sorted[1]});
+  columns.sortByTime();
+  for (std::size_t i = 0; i < sorted.size(); ++i) {
+    EXPECT_TRUE(sameSample(*columns.pin(i), *sorted[i])) << describe(*columns.pin(i));
+  }
+}
+
 TEST(ColumnsTest, SegmentsAreCutAtAThousandSamplesOrAtMuchText) {
   Columns columns;
   for (int i = 0; i < 2500; ++i) columns.add(*makePin(i, realValue(i)));
