@@ -98,6 +98,21 @@ unit_sources() {
   printf '%s\n' "${files[@]}" | sort -u | paste -sd '|'
 }
 
+# Of all patches, also those of other days: each applies, and the tests that it names are there.
+check_patches() {
+  local patch test bad=0
+  for patch in "${all[@]}"; do
+    in_copy apply --check "$patch" || bad=$((bad + 1))
+    while read -r test; do
+      if ! grep -rqw -- "$test" "$copy/tests"; then
+        printf '%s: there is no test %s\n' "$(name_of "$patch")" "$test" >&2
+        bad=$((bad + 1))
+      fi
+    done < <(header "$patch" Tests | sed 's/^[a-z0-9]* //' | tr ':' '\n' | sed 's/^.*\.//; s/[/*].*//')
+  done
+  ((bad == 0)) || fail "patches have to follow the sources"
+}
+
 # configured SOURCES
 configured() {
   cmake -S "$copy" -B "$copy/build/dev" --preset dev "-DORVA_UNIT_ONLY=$1" >"$work/configure.log" 2>&1 ||
@@ -178,7 +193,7 @@ show_clean() {
     start=$SECONDS
     passes "$check" "$label" "$filter" 600 || fail "without a mistake fails: $caught_by"
     grep -q '^\[  PASSED  \] [1-9]' "$work/$check-$label.log" || fail "$(name_of "$patch") names no test: $filter"
-    limit[$patch]=$((60 + 10 * (SECONDS - start)))
+    limit[$patch]=$((30 + 10 * (SECONDS - start)))
   done
 }
 
@@ -254,6 +269,7 @@ one() {
 
 say "a copy of $(git rev-parse --short HEAD)"
 make_copy
+check_patches
 drop_old_headers
 for_dev=()
 for patch in "${patches[@]}"; do
