@@ -24,7 +24,9 @@ class Check {
     readItems();
     progress_.total(static_cast<std::uint64_t>(store_.db().number("SELECT count(*) FROM segment")));
     forgetFailure("counting the segments");
-    for (const StreamKey& key : streams()) checkStream(key);
+    const std::vector<StreamRows> streams = store_.streams();
+    forgetFailure("listing the segments");
+    for (const StreamRows& stream : streams) checkStream(stream);
     listSetApart();
     return std::move(result_);
   }
@@ -59,41 +61,44 @@ class Check {
     forgetFailure("reading the table \"item\"");
   }
 
-  std::vector<StreamKey> streams() {
-    std::vector<StreamKey> all;
-    StreamKey key{sqlite::kEarliest, 0};
-    while (const auto next = store_.segments().nextStream(key)) all.push_back(key = *next);
-    forgetFailure("listing the segments");
-    return all;
-  }
-
-  void checkStream(const StreamKey& key) {
+  void checkStream(const StreamRows& stream) {
+    const StreamKey& key = stream.key;
     ++result_.streams;
     if (items_.count(key.handle) == 0) {
       result_.problems.push_back("there are segments of item number " + std::to_string(key.handle) +
                                  ", which is not in the table \"item\"");
     }
-    Segment before;
-    bool isFirst = true;
-    {
-      SegmentTable::Cursor cursor = store_.segments().forward(key);
-      while (cursor.next()) {
-        checkSegment(key, cursor);
-        const Segment& segment = cursor.segment();
-        if (!isFirst && segment.first < before.last) {
-          note(key, segment, "it begins before the segment before it ends");
-        }
-        before = segment;
-        isFirst = false;
-        ++result_.segments;
-        progress_.at(result_.segments, result_.samples);
-      }
-    }
+    const std::uint64_t before = result_.segments;
+    Segment last;
+    checkSegments(key, last);
+    const std::uint64_t found = result_.segments - before;
     if (store_.db().failed()) {
-      before.first = before.last;
-      before.count = 0;
-      note(key, before, "what follows cannot be read: " + store_.db().failure());
+      last.first = last.last;
+      last.count = 0;
+      note(key, last, "what follows cannot be read: " + store_.db().failure());
       store_.db().clearFailure();
+    } else if (found != stream.segments) {
+      result_.problems.push_back("the index is out of order: it leads to " + std::to_string(found) +
+                                 " segments of item number " + std::to_string(key.handle) +
+                                 ", layer " + std::to_string(key.layer) + ", of which there are " +
+                                 std::to_string(stream.segments));
+    }
+  }
+
+  // As a host finds them; `before` becomes the last one.
+  void checkSegments(const StreamKey& key, Segment& before) {
+    bool isFirst = true;
+    SegmentTable::Cursor cursor = store_.segments().forward(key);
+    while (cursor.next()) {
+      checkSegment(key, cursor);
+      const Segment& segment = cursor.segment();
+      if (!isFirst && segment.first < before.last) {
+        note(key, segment, "it begins before the segment before it ends");
+      }
+      before = segment;
+      isFirst = false;
+      ++result_.segments;
+      progress_.at(result_.segments, result_.samples);
     }
   }
 

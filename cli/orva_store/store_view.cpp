@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <limits>
 #include <tuple>
 
 #include "orva_cli/failure.h"
@@ -55,14 +54,16 @@ std::vector<StoredItem> StoreView::items() {
   return all;
 }
 
-std::vector<sqlite::StreamKey> StoreView::streams() {
-  std::vector<sqlite::StreamKey> all;
-  sqlite::StreamKey key{std::numeric_limits<std::int64_t>::min(), 0};
-  while (const auto next = segments_.nextStream(key)) {
-    key = *next;
-    all.push_back(key);
+std::vector<StreamRows> StoreView::streams() {
+  std::vector<StreamRows> all;
+  sqlite::Statement statement(db_,
+                              "SELECT handle, layer, count(*) FROM segment NOT INDEXED "
+                              "GROUP BY handle, layer ORDER BY handle, layer");
+  sqlite::Query query(statement);
+  while (query.row()) {
+    all.push_back({{query.number(0), static_cast<std::int32_t>(query.number(1))},
+                   static_cast<std::uint64_t>(query.number(2))});
   }
-  expectRead();
   return all;
 }
 

@@ -16,6 +16,12 @@ struct StoredItem {
   std::string path;
 };
 
+// How many segments there are of an item and a layer.
+struct StreamRows {
+  sqlite::StreamKey key;
+  std::uint64_t segments = 0;
+};
+
 // A store that is only looked at, also while a host writes it. What waits in the host's write
 // buffer is not seen. Failure is thrown when it cannot be opened or read.
 class StoreView {
@@ -27,7 +33,9 @@ class StoreView {
   const std::string& file() const { return file_; }
   // By id, then by path.
   std::vector<StoredItem> items();
-  std::vector<sqlite::StreamKey> streams();
+  // Those of the table's own rows, in no way led by the index: where that is damaged, it may lead
+  // past some of them, or to the same ones for ever.
+  std::vector<StreamRows> streams();
 
   sqlite::Database& db() { return db_; }
   sqlite::SegmentTable& segments() { return segments_; }

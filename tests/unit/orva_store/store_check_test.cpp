@@ -62,6 +62,18 @@ TEST_F(StoreTest, SegmentsThatOverlapOrHaveNoItemAreFound) {
   EXPECT_THAT(result.out, HasSubstr("its checksum or a field is wrong"));
 }
 
+// A text stands behind every number in an index, and is read as the number 0: whoever goes on from
+// there comes back to it for ever.
+TEST_F(StoreTest, AnIndexThatLeadsBackDoesNotKeepTheCheckFromItsEnd) {
+  ASSERT_EQ(import(kRows).exitCode, 0);
+  change("UPDATE segment SET handle = 'x' WHERE handle = 1");
+  const CommandResult result = orva({"store", "check", place()});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.out, HasSubstr("file      the index is out of order: it leads to 0 segments "
+                                    "of item number 0, layer 0, of which there are 1\n"));
+  EXPECT_THAT(result.out, HasSubstr("looked at 2 items, 2 layers of them, 1 segments, 1 samples"));
+}
+
 TEST_F(StoreTest, PagesThatBelongToTwoTablesAreFound) {
   ASSERT_EQ(import(kRows).exitCode, 0);
   change(
