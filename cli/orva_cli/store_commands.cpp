@@ -142,6 +142,7 @@ int compactCommand(const StoreOptions& options, std::ostream& out) {
   store::Progress progress(store::Progress::terminal(), "segments");
   const store::CompactResult result = store::compactStore(writer, progress);
   progress.clear();
+  if (result.indexMended) out << "index     was damaged; made anew from the segments\n";
   out << "segments  " << result.segmentsBefore << " before, " << result.segmentsAfter << " now\n"
       << "size      " << bytesText(before) << " before, " << bytesText(bytesTaken(writer.file()))
       << " now\n";

@@ -1,7 +1,10 @@
 #include "orva_store/store_compact.h"
 
 #include <algorithm>
+#include <tuple>
 #include <vector>
+
+#include "orva_cli/failure.h"
 
 namespace orva::store {
 namespace {
@@ -30,6 +33,7 @@ class Compaction {
   Compaction(StoreWriter& store, Progress& progress) : store_(store), progress_(progress) {}
 
   CompactResult run() {
+    mendIndex();
     result_.segmentsBefore = count();
     progress_.total(result_.segmentsBefore);
     for (const auto& [key, itemKey] : streams()) {
@@ -41,6 +45,27 @@ class Compaction {
   }
 
  private:
+  // Segments are joined in the order in which the index has them: a damaged one would lose samples.
+  void mendIndex() {
+    if (isIntact()) return;
+    store_.begin();
+    store_.db().exec("REINDEX");
+    if (store_.db().failed() || !isIntact()) {
+      store_.rollback();
+      throw cli::Failure(store_.file() +
+                         " is damaged, and left as it is; `orva store check` says where, and "
+                         "`orva store export` saves what can be read");
+    }
+    store_.commit();
+    result_.indexMended = true;
+  }
+
+  bool isIntact() {
+    sqlite::Statement statement(store_.db(), "PRAGMA integrity_check(1)");
+    sqlite::Query query(statement);
+    return query.row() && query.text(0) == "ok";
+  }
+
   std::uint64_t count() {
     const auto rows =
         static_cast<std::uint64_t>(store_.db().number("SELECT count(*) FROM segment"));
@@ -124,11 +149,19 @@ class Compaction {
         row.last = query.number(3);
         row.count = query.number(4);
         row.size = query.number(5);
+        expectBehind(rows.empty() ? last : rows.back(), row);
         rows.push_back(row);
       }
     }
     store_.expectFine("reading the segments");
     return rows;
+  }
+
+  // What lies before is met again and again.
+  void expectBehind(const Segment& before, const Segment& row) const {
+    if (std::tie(row.first, row.seq) > std::tie(before.first, before.seq)) return;
+    throw cli::Failure(store_.file() +
+                       " is damaged: its segments do not stand in the order of time");
   }
 
   using Row = std::vector<Segment>::const_iterator;

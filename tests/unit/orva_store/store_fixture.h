@@ -65,6 +65,15 @@ class StoreTest : public ::testing::Test {
     ASSERT_TRUE(db.open(file(), sqlite::Database::Mode::kReadWrite)) << db.failure();
     ASSERT_TRUE(db.exec(sql)) << db.failure();
   }
+  // A change of the segments of which their index learns nothing.
+  void changeBehindTheIndex(const std::string& sql) const {
+    change(("PRAGMA writable_schema = ON;"
+            "CREATE TEMP TABLE kept AS SELECT * FROM sqlite_master WHERE name = 'segment_by_time';"
+            "DELETE FROM sqlite_master WHERE name = 'segment_by_time';"
+            "PRAGMA writable_schema = RESET;" +
+            sql + ";PRAGMA writable_schema = ON; INSERT INTO sqlite_master SELECT * FROM kept")
+               .c_str());
+  }
   std::int64_t number(const char* sql) const {
     sqlite::Database db;
     EXPECT_TRUE(db.open(file(), sqlite::Database::Mode::kReadOnly)) << db.failure();

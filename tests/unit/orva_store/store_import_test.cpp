@@ -348,6 +348,38 @@ TEST_F(StoreTest, ACompactionThatIsKilledLosesNothing) {
   EXPECT_EQ(exported(), before);
 }
 
+TEST_F(StoreTest, CompactMakesADamagedIndexAnewBeforeItJoins) {
+  storeOneByOne(place(), 2500);
+  const std::string before = exported();
+  changeBehindTheIndex("UPDATE segment SET id = id + 10000 WHERE id % 3 = 0");
+  ASSERT_EQ(orva({"store", "check", place()}).exitCode, 1);
+  const CommandResult result = orva({"store", "compact", place()});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_THAT(result.out, StartsWith("index     was damaged; made anew from the segments\n"
+                                     "segments  2500 before, 3 now\n"));
+  EXPECT_EQ(exported(), before);
+  EXPECT_EQ(orva({"store", "check", place()}).exitCode, 0);
+}
+
+TEST_F(StoreTest, CompactLeavesADamagedTableAsItIs) {
+  storeOneByOne(place(), 20);
+  changeBehindTheIndex("UPDATE segment SET seq = 0, first = 0 WHERE id IN (3, 4)");
+  const CommandResult result = orva({"store", "compact", place()});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.err, HasSubstr("archive.db is damaged, and left as it is"));
+  EXPECT_EQ(number("SELECT count(*) FROM segment NOT INDEXED"), 20);
+}
+
+// A text stands behind every number in an index, and is read as the number 0.
+TEST_F(StoreTest, CompactEndsWhereTheIndexLeadsBack) {
+  storeOneByOne(place(), 20);
+  change("UPDATE segment SET first = 'x' WHERE id = 3");
+  const CommandResult result = orva({"store", "compact", place()});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.err, HasSubstr(" is damaged"));
+  EXPECT_EQ(number("SELECT count(*) FROM segment"), 20);
+}
+
 TEST_F(StoreTest, CompactNeedsAStore) {
   EXPECT_THAT(orva({"store", "compact", place()}).err, HasSubstr("there is no store"));
 }
