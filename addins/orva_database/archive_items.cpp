@@ -75,16 +75,15 @@ bool DataArchiveManager::State::attachLayer(std::int64_t cacheId, const ItemKey&
   return true;
 }
 
+// What is thrown for one item costs that item its layers, not the others theirs.
 void DataArchiveManager::State::attachMissing() {
-  for (const auto& cached : cacheItems) {
-    const std::int64_t cacheId = cached.first;
-    const ItemKey& key = cached.second;
-    const auto layers = vm::VMInfo::GetInstance()->GetArchivedLayers(key.first);
-    const boost::shared_ptr<cache::CachedItem> pin = cache[cacheId];
-    if (!layers || !pin) continue;
-    // An archive that throws costs its own item the layers, not the others theirs.
+  for (const auto& [cacheId, key] : cacheItems) {
     guarded("DataArchiveManager::attachLayers",
-            [&]() NO_THREAD_SAFETY_ANALYSIS { attachLayers(cacheId, key, *layers, *pin); });
+            [&, id = cacheId, &itemKey = key]() NO_THREAD_SAFETY_ANALYSIS {
+              const auto layers = vm::VMInfo::GetInstance()->GetArchivedLayers(itemKey.first);
+              const boost::shared_ptr<cache::CachedItem> pin = cache[id];
+              if (layers && pin) attachLayers(id, itemKey, *layers, *pin);
+            });
   }
 }
 

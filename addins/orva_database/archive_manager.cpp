@@ -69,12 +69,15 @@ void DataArchiveManager::addArchive(int number, const json::Value& entry) {
   const ConnectionCfg connection(json::expectedMember(entry, "connection"), kDataArchive);
   const auto found = state_->factories.find(connection.providerType);
   if (found == state_->factories.end() || found->second == nullptr) return;
-  Provider provider = found->second->create(limits, connection);
+  const Provider provider = found->second->create(limits, connection);
   requireProvider(provider != nullptr, connection.providerType);
   provider->archive()->loadFilter(json::expectedMember(entry, "filter"));
+  // What needs memory comes first: an archive that was started is kept.
+  std::map<std::int32_t, Provider> added;
+  added.emplace(number, provider);
   RecursiveMutexLock lock(state_->cacheMutex);
   provider->start();
-  state_->archives[number].swap(provider);
+  state_->archives.merge(added);
 }
 
 void DataArchiveManager::clear() {

@@ -153,10 +153,13 @@ void Layer::flush() {
   emitResampled();
 }
 
+// A sample that is in the cache is not met here again, also when its archive throws.
 void Layer::emitResampled() {
   while (!resampled_.empty()) {
-    emit(resampled_.front());
+    const PinPtr sample = resampled_.front();
+    if (cached_) append(sample);
     resampled_.pop_front();
+    writer_->write(sample);
   }
 }
 

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <limits>
+#include <new>
 
 #include "unit/orva_database/layer_fixture.h"
 
@@ -284,6 +285,26 @@ TEST_F(LayerTest, InitialisedAgainItHandsThePeakToTheOldWriterFirst) {
   layer->init(description(), other);
   EXPECT_EQ(timesOf(writer.written), (Times{1, 3}));
   EXPECT_TRUE(other.written.empty());
+}
+
+TEST_F(LayerTest, SampleWhoseWriteThrowsIsCachedOnce) {
+  struct FullWriter : RecordingWriter {
+    void write(const PinPtr& pin) override {
+      if (throws) throw std::bad_alloc();
+      RecordingWriter::write(pin);
+    }
+    bool throws = false;
+  } full;
+  layer->init(description(true, 10 * kTenthOfASecond), full);
+  append({1, 2, 3});
+  full.throws = true;
+  EXPECT_THROW(append({1 + 10 * kTenthOfASecond}), std::bad_alloc);
+  full.throws = false;
+  append({2 + 20 * kTenthOfASecond});
+  EXPECT_EQ(blocks(),
+            (std::vector<Times>{{1, 3, 1 + 10 * kTenthOfASecond, 2 + 20 * kTenthOfASecond}}));
+  EXPECT_EQ(timesOf(full.written), (Times{1, 1 + 10 * kTenthOfASecond, 2 + 20 * kTenthOfASecond}));
+  makeLayer();  // `full` goes first
 }
 
 // ---- taking in what was fetched

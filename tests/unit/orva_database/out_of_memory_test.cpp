@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "orva_database/proxy_old_archive_api.h"
 #include "support/archive_fixture.h"
@@ -93,6 +95,45 @@ TEST_F(LegacyOutOfMemoryTest, OtherOperationsThatRunOutOfMemorySaySo) {
   }
   EXPECT_TRUE(enough);
   EXPECT_GT(refused, 0);
+}
+
+// ---- the start
+
+class StartOutOfMemoryTest : public test::ArchiveFixture {
+ protected:
+  // Whether the archive made last was asked for this.
+  bool called(const std::string& what) {
+    const std::vector<std::string> calls = factory.last().calls();
+    return std::find(calls.begin(), calls.end(), what) != calls.end();
+  }
+};
+
+// An archive that runs is in use: the start goes on, whatever an item lacks.
+TEST_F(StartOutOfMemoryTest, AnItemThatGetsNoLayersDoesNotEndTheStart) {
+  test::TraceCapture traces;
+  describeItem(1, "Plant/Load", {{0, {0, 0}}});
+  start();  // sets the section
+  manager().clear();
+  int without = 0;
+  bool enough = false;
+  for (long count = 0; !enough && count < 2000; ++count) {
+    const std::size_t archives = factory.count();
+    const std::int64_t cacheId = manager().createPinCache({1, "Plant/Load"});
+    bool thrown = false;
+    try {
+      withAllocations(count, [&] { manager().init(); });
+    } catch (const std::bad_alloc&) {
+      thrown = true;
+    }
+    const bool runs = factory.count() > archives && called("start");
+    EXPECT_FALSE(thrown && runs) << "with " << count << " allocations";
+    enough = pin(cacheId)->layerCount() == 1;
+    if (runs && !enough) ++without;
+    manager().clear();
+    EXPECT_EQ(runs, factory.count() > archives && called("stop")) << "with " << count;
+  }
+  EXPECT_TRUE(enough);
+  EXPECT_GT(without, 0);
 }
 
 // ---- asynchronous reads
