@@ -23,6 +23,7 @@ done
 case $preset in
   armhf) scripts/setup.sh --armhf ;;
   clang) scripts/setup.sh --checks ;;
+  asan) scripts/setup.sh --fuzz ;;
   *) scripts/setup.sh ;;
 esac
 configure "$preset"

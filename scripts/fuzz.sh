@@ -39,10 +39,10 @@ if ((${#chosen[@]} == 0)); then chosen=("${targets[@]}"); fi
 
 scripts/setup.sh --fuzz
 say "build the fuzzers"
-configure fuzz
-build fuzz orva_fuzz
+configure asan
+build asan orva_fuzz
 
-program=build/fuzz/bin/orva_fuzz
+program=build/asan/bin/orva_fuzz
 findings=build/fuzz/findings
 mkdir -p "$findings"
 export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1

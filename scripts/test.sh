@@ -35,7 +35,8 @@ fi
 case $preset in
   armhf) scripts/setup.sh --armhf ;;
   clang) scripts/setup.sh --checks ;;
-  dev | asan | tsan) scripts/setup.sh ;;
+  asan) scripts/setup.sh --fuzz ;;
+  dev | tsan) scripts/setup.sh ;;
   *) usage_error "no preset $preset has tests" ;;
 esac
 

@@ -2,10 +2,10 @@
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
+#include <gnu/libc-version.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -63,7 +63,7 @@ TEST_F(AddinLoaderTest, FileThatIsNoLibraryIsRefused) {
 
 TEST_F(AddinLoaderTest, LibraryWithoutTheEntryIsRefused) {
   Dl_info info{};
-  ASSERT_NE(dladdr(reinterpret_cast<void*>(&std::strtoll), &info), 0);
+  ASSERT_NE(dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &info), 0);
   EXPECT_THAT(errorOf(info.dli_fname), EndsWith(" has no entry InitAddin"));
 }
 
