@@ -26,7 +26,8 @@ Decoded decodeRow(const Query& query, const Segment& segment, SegmentDecoder& de
 }  // namespace
 
 SegmentTable::SegmentTable(Database& db)
-    : forward_(db,
+    : db_(db),
+      forward_(db,
                "SELECT id, first, seq, last, count, data FROM segment "
                "WHERE handle = ?1 AND layer = ?2 AND first >= ?3 "
                "ORDER BY first, seq"),
@@ -39,15 +40,21 @@ SegmentTable::SegmentTable(Database& db)
              "WHERE handle = ?1 AND layer = ?2 AND (first, seq) > (?3, ?4) "
              "ORDER BY first, seq LIMIT 1"),
       exists_(db, "SELECT 1 FROM segment WHERE id = ?1"),
-      holds_(db, "SELECT 1 FROM segment WHERE id = ?1 AND last = ?2 AND count = ?3"),
-      byId_(db, "SELECT id, first, seq, last, count, data FROM segment WHERE id = ?1"),
+      holds_(db,
+             "SELECT 1 FROM segment WHERE id = ?1 AND ifnull(CAST(last AS INTEGER), 0) = ?2 "
+             "AND ifnull(CAST(count AS INTEGER), 0) = ?3"),
+      inPlace_(db,
+               "SELECT 1 FROM segment WHERE id = ?1 AND +handle = ?2 AND +layer = ?3 "
+               "AND +first = ?4 AND +seq = ?5"),
+      byId_(db,
+            "SELECT id, first, seq, last, count, data, handle, layer FROM segment WHERE id = ?1"),
       nextStream_(db,
                   "SELECT handle, layer FROM segment WHERE (handle, layer) > (?1, ?2) "
                   "ORDER BY handle, layer LIMIT 1") {}
 
 bool SegmentTable::prepare() {
   return forward_.prepare() && backward_.prepare() && after_.prepare() && exists_.prepare() &&
-         holds_.prepare() && byId_.prepare() && nextStream_.prepare();
+         holds_.prepare() && inPlace_.prepare() && byId_.prepare() && nextStream_.prepare();
 }
 
 void SegmentTable::finalize() {
@@ -56,6 +63,7 @@ void SegmentTable::finalize() {
   after_.finalize();
   exists_.finalize();
   holds_.finalize();
+  inPlace_.finalize();
   byId_.finalize();
   nextStream_.finalize();
 }
@@ -109,13 +117,30 @@ bool SegmentTable::holds(const Segment& segment) {
   return query.bind(segment.id).bind(segment.last).bind(segment.count).row();
 }
 
-Decoded SegmentTable::load(std::int64_t id, SegmentDecoder& decoder, Columns& out) {
+bool SegmentTable::isInPlace(const StreamKey& key, const Segment& segment) {
+  Query query(inPlace_);
+  query.bind(segment.id).bind(key.handle).bind(key.layer).bind(segment.first).bind(segment.seq);
+  return query.row();
+}
+
+Decoded SegmentTable::load(const StreamKey& key, const Segment& segment, SegmentDecoder& decoder,
+                           Columns& out) {
   out.clear();
   Query query(byId_);
-  if (!query.bind(id).row()) return Decoded::kDamaged;
-  Segment segment;
-  readRow(query, segment);
-  return decodeRow(query, segment, decoder, out);
+  if (!query.bind(segment.id).row()) {
+    db_.noteCorrupt("the index leads to a segment that is not there");
+    return Decoded::kDamaged;
+  }
+  Segment row;
+  readRow(query, row);
+  const Decoded how = decodeRow(query, row, decoder, out);
+  const bool inPlace = row.first == segment.first && row.seq == segment.seq &&
+                       query.number(6) == key.handle && query.number(7) == key.layer;
+  if (how == Decoded::kGood && !inPlace) {
+    db_.noteCorrupt("the index has a segment in another place than it belongs to");
+    return Decoded::kDamaged;
+  }
+  return how;
 }
 
 std::optional<StreamKey> SegmentTable::nextStream(const StreamKey& key) {

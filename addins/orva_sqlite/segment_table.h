@@ -68,19 +68,26 @@ class SegmentTable {
   std::int64_t beginFor(const StreamKey& key, std::int64_t start);
   bool exists(std::int64_t id);
   // Whether this very row is there: the file may be another one than that it was read from. The
-  // time of its first sample is not asked for, since that may come from a damaged index.
+  // time of its first sample is not asked for, since that may come from a damaged index; and damage
+  // may have made the others no integers.
   bool holds(const Segment& segment);
-  Decoded load(std::int64_t id, SegmentDecoder& decoder, Columns& out);
+  // Whether the row says itself that it belongs where the index has it.
+  bool isInPlace(const StreamKey& key, const Segment& segment);
+  // The samples of a row that was found by the index. A good row in another place than the index
+  // says, or none, is a failure of the connection: then the index is wrong, and not the row.
+  Decoded load(const StreamKey& key, const Segment& segment, SegmentDecoder& decoder, Columns& out);
 
   // The first stream whose key is greater than `key`.
   std::optional<StreamKey> nextStream(const StreamKey& key);
 
  private:
+  Database& db_;
   Statement forward_;
   Statement backward_;
   Statement after_;
   Statement exists_;
   Statement holds_;
+  Statement inPlace_;
   Statement byId_;
   Statement nextStream_;
 };

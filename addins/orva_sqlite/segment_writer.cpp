@@ -77,7 +77,7 @@ void SegmentWriter::extend(Stream& stream, Columns& samples) {
   if (!newest || isFull(*newest) || samples.times.front() < newest->last) {
     return append(stream, samples);
   }
-  if (store_.segments().load(newest->id, store_.decoder(), joined_) != Decoded::kGood) {
+  if (store_.segments().load(key, *newest, store_.decoder(), joined_) != Decoded::kGood) {
     return append(stream, samples);
   }
   joined_.append(samples, 0, samples.size());
@@ -107,7 +107,7 @@ void SegmentWriter::replace(Stream& stream, std::int64_t from, std::int64_t to,
   Columns after;
   Place place;
   for (const Segment& row : rows) {
-    const Decoded how = store_.segments().load(row.id, store_.decoder(), loaded_);
+    const Decoded how = store_.segments().load(key, row, store_.decoder(), loaded_);
     if (store_.db().failed()) return;
     if (how != Decoded::kGood) {
       setApart(stream, row, how);
@@ -148,7 +148,8 @@ void SegmentWriter::appendOlder(Stream& stream, const Columns& samples) {
 // The samples from `from` on that fall into `row`; returns where those end.
 std::size_t SegmentWriter::insertInto(Stream& stream, const Columns& samples, std::size_t from,
                                       const Segment& row) {
-  const Decoded how = store_.segments().load(row.id, store_.decoder(), joined_);
+  const StreamKey key = fileKey(stream);
+  const Decoded how = store_.segments().load(key, row, store_.decoder(), joined_);
   if (store_.db().failed()) return samples.size();
   if (how != Decoded::kGood) {
     setApart(stream, row, how);
@@ -160,7 +161,7 @@ std::size_t SegmentWriter::insertInto(Stream& stream, const Columns& samples, st
   Place place;
   place.base = row;
   place.replaces = true;
-  place.next = store_.segments().after(fileKey(stream), row);
+  place.next = store_.segments().after(key, row);
   store_.remove(row.id);
   insertPieces(stream, joined_, 0, joined_.size(), place);
   return to;
@@ -180,6 +181,11 @@ std::size_t SegmentWriter::insertBetween(Stream& stream, const Columns& samples,
   }
   const std::size_t to =
       place.next ? firstNotBefore(samples, from, place.next->first) : samples.size();
+  if (to <= from) {
+    // The next row begins before the one before it: this would never end.
+    store_.db().noteCorrupt("putting a sample between two segments: the index is out of order");
+    return samples.size();
+  }
   insertPieces(stream, samples, from, to, place);
   return to;
 }
@@ -215,9 +221,10 @@ std::size_t SegmentWriter::mergeSmall(Stream& stream, bool all) {
 }
 
 std::size_t SegmentWriter::mergeRows(Stream& stream, const std::vector<Segment>& rows) {
+  const StreamKey key = fileKey(stream);
   joined_.clear();
   for (const Segment& row : rows) {
-    const Decoded how = store_.segments().load(row.id, store_.decoder(), loaded_);
+    const Decoded how = store_.segments().load(key, row, store_.decoder(), loaded_);
     if (store_.db().failed()) return 0;
     if (how != Decoded::kGood) {
       setApart(stream, row, how);
@@ -227,10 +234,11 @@ std::size_t SegmentWriter::mergeRows(Stream& stream, const std::vector<Segment>&
     }
     joined_.append(loaded_, 0, loaded_.size());
   }
+  joined_.sortByTime();  // rows that overlap come of damage; after this they do not
   Place place;
   place.base = rows.front();
   place.replaces = true;
-  place.next = store_.segments().after(fileKey(stream), rows.back());
+  place.next = store_.segments().after(key, rows.back());
   for (const Segment& row : rows) store_.remove(row.id);
   insertPieces(stream, joined_, 0, joined_.size(), place);
   stream.freshRows = 0;
@@ -259,7 +267,7 @@ std::size_t SegmentWriter::deleteOldest(const Stream& stream, std::int64_t cutof
     std::size_t old = static_cast<std::size_t>(row.count);
     const bool isNewest = newest && newest->id == row.id;
     if (row.last >= cutoff || isNewest) {
-      const Decoded how = store_.segments().load(row.id, store_.decoder(), loaded_);
+      const Decoded how = store_.segments().load(key, row, store_.decoder(), loaded_);
       if (store_.db().failed()) return 0;
       if (how != Decoded::kGood) {
         setApart(stream, row, how);
@@ -297,17 +305,22 @@ std::size_t SegmentWriter::deleteFrom(const Stream& stream, const Segment& row, 
     return 0;
   }
   if (count == 0) return 0;
+  const StreamKey key = fileKey(stream);
   if (count == static_cast<std::size_t>(row.count)) {
+    // What goes undecoded must at least be what was looked for.
+    if (!store_.segments().isInPlace(key, row)) {
+      store_.db().noteCorrupt("the index has a segment in another place than it belongs to");
+      return 0;
+    }
     store_.remove(row.id);
     return count;
   }
-  const Decoded how = store_.segments().load(row.id, store_.decoder(), loaded_);
+  const Decoded how = store_.segments().load(key, row, store_.decoder(), loaded_);
   if (store_.db().failed()) return 0;
   if (how != Decoded::kGood) {
     setApart(stream, row, how);
     return 0;
   }
-  const StreamKey key = fileKey(stream);
   const std::optional<Segment> next = store_.segments().after(key, row);
   store_.remove(row.id);
   const std::int64_t first = loaded_.times[count];
@@ -326,7 +339,10 @@ Span SegmentWriter::spanOf(const StreamKey& key) {
 
 void SegmentWriter::setApart(const Stream& stream, const Segment& row, Decoded how) {
   damage_.report(stream, row, how);
-  store_.setApart(row, "cannot be decoded");
+  // Otherwise whoever met it would meet it again at once.
+  if (!store_.setApart(row, "cannot be decoded")) {
+    store_.db().noteCorrupt("a damaged segment cannot be set apart");
+  }
 }
 
 }  // namespace orva::sqlite

@@ -32,7 +32,8 @@ Store::Store(const StoreParameters& parameters, std::int64_t maxBytes, Counters&
       removeSegment_(db_, "DELETE FROM segment WHERE id = ?1"),
       setApart_(db_,
                 "INSERT INTO damaged(handle, layer, first, last, count, data, found, reason) "
-                "SELECT handle, layer, ?2, ?3, ?4, data, ?5, ?6 FROM segment WHERE id = ?1"),
+                "SELECT ifnull(handle, 0), ifnull(layer, 0), ?2, ?3, ?4, data, ?5, ?6 "
+                "FROM segment WHERE id = ?1"),
       removeDamaged_(db_, "DELETE FROM damaged WHERE last < ?1") {}
 
 Opened Store::open(const std::string& file, bool thorough) {
@@ -113,8 +114,14 @@ void Store::insertItem(std::int64_t handle, const archive::ItemKey& key) {
 
 Segment Store::insert(const StreamKey& key, const Columns& samples, std::size_t from,
                       std::size_t to, std::int64_t seq) {
-  const Bytes& data = encoder_.encode(samples, from, to);
   Segment segment;
+  const auto begin = samples.times.begin();
+  if (!std::is_sorted(begin + static_cast<std::ptrdiff_t>(from),
+                      begin + static_cast<std::ptrdiff_t>(to))) {
+    db_.noteCorrupt("samples of a segment are out of order");  // nobody could decode it
+    return segment;
+  }
+  const Bytes& data = encoder_.encode(samples, from, to);
   segment.id = nextSegment_++;
   segment.first = samples.times[from];
   segment.seq = seq;

@@ -45,7 +45,8 @@ class Store {
 
   void insertItem(std::int64_t handle, const archive::ItemKey& key);
   std::int64_t nextItemHandle() const { return nextItem_; }
-  // A row for the samples [from, to) of `samples`. Its id is greater than every one given before.
+  // A row for the samples [from, to) of `samples`, which must be in ascending time. Its id is
+  // greater than every one given before.
   Segment insert(const StreamKey& key, const Columns& samples, std::size_t from, std::size_t to,
                  std::int64_t seq);
   void remove(std::int64_t id);

@@ -69,6 +69,12 @@ void Database::note(int code, const char* doing) {
   failure_ = std::string(message) + " (" + std::to_string(code) + ") at: " + doing;
 }
 
+void Database::noteCorrupt(const char* what) {
+  if (failed()) return;
+  failure_ = what;
+  code_ = SQLITE_CORRUPT;
+}
+
 bool Statement::prepare() {
   if (statement_ != nullptr) return true;
   if (db_.failed() || !db_.isOpen()) return false;

@@ -44,6 +44,8 @@ class Database {
 
   sqlite3* handle() const { return handle_; }
   void note(int code, const char* doing);
+  // What was read contradicts itself: a failure as if SQLite had noticed.
+  void noteCorrupt(const char* what);
 
  private:
   sqlite3* handle_ = nullptr;

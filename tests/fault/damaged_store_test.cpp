@@ -68,10 +68,13 @@ class DamagedStoreTest : public ArchiveTest {
     }
     bool hides = missing > 0 && !isSaid();
     write({1, "a"}, 0, makePin(second(1000), realValue(-1)));
+    write({1, "a"}, 0, makePin(second(10) + 1, realValue(-2)));  // older than what is there
     // Damage that this meets is set apart first, and a page that cannot be read needs a second try.
     for (int i = 0; i < 5 && !worker().writeAll(); ++i) clock_.advance(20 * kTicksPerSecond);
-    const Answer newest = ask({{1, "a"}, 0, second(1000), second(1000)});
-    hides = hides || (newest.pushed.size() != 1 && !isBad(newest.failure));
+    for (const std::int64_t time : {second(1000), second(10) + 1}) {
+      const Answer answer = ask({{1, "a"}, 0, time, time});
+      hides = hides || (answer.pushed.size() != 1 && !isBad(answer.failure));
+    }
     silent_ += hides ? 1 : 0;
     close();
     return problem.empty() ? problem : problem + "\n" + logText();
