@@ -1,11 +1,13 @@
 #include "orva_cli/store_commands.h"
 
-#include <fstream>
-#include <functional>
+#include <algorithm>
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "orva_cli/failure.h"
+#include "orva_cli/output_file.h"
 #include "orva_cli/store_text.h"
 #include "orva_host/time_text.h"
 #include "orva_store/progress.h"
@@ -61,41 +63,64 @@ store::ExportRange exportRange(const Options& options) {
   return range;
 }
 
-// Opens the output when nothing but writing can fail any more: an export that a typing mistake ends
-// leaves an earlier one as it is.
-void exportTo(const Options& options, const std::function<std::ostream&()>& open,
-              const std::string& name) {
-  const store::ExportRange range = exportRange(options);
-  store::StoreView view(options.store.place);
-  const std::vector<store::StoredItem> items = store::chooseItems(view.items(), options.items);
-  std::ostream& out = open();
-  store::Progress progress(store::Progress::terminal(), "rows");
-  const store::ExportResult result =
-      store::exportStore(view, items, range, progress, [&out, &name](const std::string& text) {
-        out.write(text.data(), static_cast<std::streamsize>(text.size()));
-        if (!out) throw Failure("cannot write " + name + "; is the disk full?");
-      });
-  if (result.damagedSegments == 0) return;
-  throw Failure(std::to_string(result.damagedSegments) +
-                " damaged segments were left out; `orva store check` lists them");
+// Whether writing to a name would write to a file of the store.
+bool isOfStore(const std::string& name, const std::string& storeFile) {
+  std::error_code error;
+  const auto resolve = [&error](const std::string& file) {
+    return std::filesystem::weakly_canonical(std::filesystem::absolute(file), error);
+  };
+  const auto resolved = resolve(name);
+  for (const char* suffix : {"", "-wal", "-shm", ".lock"}) {
+    const std::string file = storeFile + suffix;
+    if (!resolved.empty() && resolved == resolve(file)) return true;
+    if (std::filesystem::equivalent(name, file, error)) return true;
+  }
+  return false;
 }
 
-int exportCommand(const Options& options, std::ostream& out) {
-  const std::string& file = options.store.output;
-  if (file.empty()) {
-    exportTo(
-        options, [&out]() -> std::ostream& { return out; }, "the output");
-    return kExitFine;
-  }
-  std::ofstream opened;
-  const auto open = [&opened, &file]() -> std::ostream& {
-    opened.open(file, std::ios::binary | std::ios::trunc);
-    if (!opened) throw Failure(file + " cannot be written");
-    return opened;
+void expectLayer(store::StoreView& view, std::int32_t layer) {
+  const std::vector<std::int32_t> layers = view.layers();
+  if (layers.empty() || std::find(layers.begin(), layers.end(), layer) != layers.end()) return;
+  std::string known;
+  for (const std::int32_t each : layers)
+    known += (known.empty() ? "" : ", ") + std::to_string(each);
+  throw Failure("the store has no layer " + std::to_string(layer) + ", but " + known);
+}
+
+// Ends with a Failure when samples of the range are missing.
+void expectComplete(const store::ExportResult& result) {
+  std::string missing;
+  const auto add = [&missing](std::uint64_t count, const char* what) {
+    if (count > 0) missing += (missing.empty() ? "" : ", ") + std::to_string(count) + what;
   };
-  exportTo(options, open, file);
-  opened.close();
-  if (!opened) throw Failure("cannot write " + file + "; is the disk full?");
+  add(result.damagedSegments, " damaged segments");
+  add(result.setApart, " stretches that were set apart");
+  add(result.nameless, " segments of items without a name");
+  add(result.unfound, " segments that the index does not lead to");
+  if (missing.empty() && result.failure.empty()) return;
+  if (!result.failure.empty()) missing += (missing.empty() ? "" : ", ") + result.failure;
+  throw Failure("not everything was exported: " + missing +
+                " were left out; `orva store check` lists them");
+}
+
+// Opens the output when nothing but writing can fail any more: an export that a typing mistake ends
+// leaves an earlier one as it is.
+int exportCommand(const Options& options, std::ostream& out) {
+  store::ExportRange range = exportRange(options);
+  range.allItems = options.items.empty();
+  store::StoreView view(options.store.place);
+  const std::vector<store::StoredItem> items = store::chooseItems(view.items(), options.items);
+  expectLayer(view, range.layer);
+  const std::string& name = options.store.output;
+  if (!name.empty() && (isOfStore(name, view.file()) || isOfStore(name + ".new", view.file()))) {
+    throw Failure(name + " is a file of the store itself; choose another one");
+  }
+  OutputFile output(name, out);
+  store::Progress progress(store::Progress::terminal(), "rows");
+  const store::ExportResult result = store::exportStore(
+      view, items, range, progress, [&output](const std::string& text) { output.write(text); });
+  output.finish();
+  expectComplete(result);
   return kExitFine;
 }
 

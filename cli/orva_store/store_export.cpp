@@ -1,6 +1,7 @@
 #include "orva_store/store_export.h"
 
 #include <algorithm>
+#include <map>
 
 #include "orva_cli/failure.h"
 #include "orva_host/number_text.h"
@@ -22,6 +23,8 @@ class Export {
     progress_.total(samplesOf(items));
     for (const StoredItem& item : items) exportItem(item);
     write_(text_);
+    countSetApart();
+    if (range_.allItems) compareWithTable();
     return result_;
   }
 
@@ -36,25 +39,75 @@ class Export {
       query.bind(item.handle).bind(range_.layer).bind(range_.from).bind(range_.to);
       if (query.row()) all += static_cast<std::uint64_t>(query.number(0));
     }
-    store_.expectRead();
+    forgetFailure();
     return all;
   }
 
   void exportItem(const StoredItem& item) {
     const sqlite::StreamKey key{item.handle, range_.layer};
     const std::string columns = host::plantRowItem(item.id, item.path);
+    std::uint64_t& found = found_[item.handle];
     sqlite::SegmentTable& segments = store_.segments();
     sqlite::SegmentTable::Cursor cursor =
         segments.forward(key, segments.beginFor(key, range_.from));
     while (cursor.next() && cursor.segment().first <= range_.to) {
       if (cursor.segment().last < range_.from) continue;
+      ++found;
       if (cursor.decode(decoder_, samples_) == sqlite::Decoded::kGood) {
         appendRows(columns);
       } else {
         ++result_.damagedSegments;
       }
     }
-    store_.expectRead();
+    forgetFailure();
+  }
+
+  // Other items can be read all the same.
+  void forgetFailure() {
+    if (!store_.db().failed()) return;
+    if (result_.failure.empty()) {
+      result_.failure = "what cannot be read (" + store_.db().failure() + ")";
+    }
+    store_.db().clearFailure();
+  }
+
+  // Calls take(handle, count) for what meets the range, of all items.
+  template <class Take>
+  void countRows(const char* sql, Take take) {
+    {
+      sqlite::Statement statement(store_.db(), sql);
+      sqlite::Query query(statement);
+      query.bind(range_.layer).bind(range_.from).bind(range_.to);
+      while (query.row()) take(query.number(0), static_cast<std::uint64_t>(query.number(1)));
+    }
+    forgetFailure();
+  }
+
+  void countSetApart() {
+    countRows(
+        "SELECT handle, count(*) FROM damaged WHERE layer = ?1 AND last >= ?2 AND first <= ?3 "
+        "GROUP BY handle",
+        [this](std::int64_t handle, std::uint64_t count) {
+          if (range_.allItems || found_.count(handle) != 0) result_.setApart += count;
+        });
+  }
+
+  // In no way led by the index.
+  void compareWithTable() {
+    countRows(
+        "SELECT handle, count(*) FROM segment NOT INDEXED WHERE layer = ?1 AND last >= ?2 "
+        "AND first <= ?3 GROUP BY handle",
+        [this](std::int64_t handle, std::uint64_t count) {
+          const auto item = found_.find(handle);
+          if (item == found_.end()) {
+            result_.nameless += count;
+            return;
+          }
+          result_.unfound += std::max(count, item->second) - std::min(count, item->second);
+          item->second = 0;
+        });
+    // Those of which the table has nothing.
+    for (const auto& [handle, found] : found_) result_.unfound += found;
   }
 
   void appendRows(const std::string& columns) {
@@ -79,7 +132,8 @@ class Export {
   ExportResult result_;
   sqlite::SegmentDecoder decoder_;
   sqlite::Columns samples_;
-  std::string text_;  // not yet written
+  std::string text_;                             // not yet written
+  std::map<std::int64_t, std::uint64_t> found_;  // segments, by the item's handle
 };
 
 template <class Matches>

@@ -54,6 +54,19 @@ std::vector<StoredItem> StoreView::items() {
   return all;
 }
 
+std::vector<std::int32_t> StoreView::layers() {
+  std::vector<std::int32_t> all;
+  {
+    sqlite::Statement statement(
+        db_, "SELECT layer FROM segment UNION SELECT layer FROM damaged ORDER BY 1");
+    sqlite::Query query(statement);
+    while (query.row()) all.push_back(static_cast<std::int32_t>(query.number(0)));
+  }
+  if (db_.failed()) all.clear();
+  db_.clearFailure();
+  return all;
+}
+
 std::vector<StreamRows> StoreView::streams() {
   std::vector<StreamRows> all;
   sqlite::Statement statement(db_,

@@ -36,6 +36,9 @@ class StoreView {
   // Those of the table's own rows, in no way led by the index: where that is damaged, it may lead
   // past some of them, or to the same ones for ever.
   std::vector<StreamRows> streams();
+  // In ascending order, also those of which nothing is left but what was set apart. Empty where
+  // that cannot be read.
+  std::vector<std::int32_t> layers();
 
   sqlite::Database& db() { return db_; }
   sqlite::SegmentTable& segments() { return segments_; }

@@ -176,6 +176,19 @@ TEST_F(StoreCommandsTest, AnExportThatCannotBeginLeavesAnEarlierOneAsItIs) {
   EXPECT_EQ(failed.out.find("0\n"), std::string::npos) << failed.out;
 }
 
+TEST_F(StoreCommandsTest, AnExportThatTheDiskHasNoRoomForLeavesAnEarlierOneAsItIs) {
+  plant_.folder().write("rows.csv", recording());
+  ASSERT_EQ(shell("orva store import store rows.csv && orva store export store --output all.csv && "
+                  "cp all.csv before.csv")
+                .exitCode,
+            0);
+  const ProgramResult full =
+      shell("(trap '' XFSZ; ulimit -f 64; orva store export store --output all.csv)");
+  EXPECT_EQ(full.exitCode, 1) << full.out;
+  EXPECT_THAT(full.err, HasSubstr("cannot write all.csv; is the disk full?"));
+  EXPECT_EQ(shell("cmp all.csv before.csv && test ! -e all.csv.new").exitCode, 0);
+}
+
 // The second half of the rows comes when it is time to say something.
 TEST_F(StoreCommandsTest, ProgressIsShownAtATerminal) {
   plant_.folder().write("rows.csv", recording());

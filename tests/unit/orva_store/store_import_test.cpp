@@ -19,6 +19,7 @@
 namespace orva::store {
 namespace {
 
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -186,7 +187,86 @@ TEST_F(StoreTest, AnExportWithoutADamagedSegmentFails) {
   const CommandResult result = orva({"store", "export", place()});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 1001);
-  EXPECT_THAT(result.err, HasSubstr("1 damaged segments were left out"));
+  EXPECT_EQ(result.err,
+            "not everything was exported: 1 damaged segments were left out; `orva store check` "
+            "lists them");
+}
+
+// What a host, a compaction or an import has set apart is missing for good.
+TEST_F(StoreTest, AnExportOfAStretchThatWasSetApartFails) {
+  ASSERT_EQ(import(rows(10, 1000) + "1700000000000,2,Plant/State,string,run,0\n").exitCode, 0);
+  change(
+      "INSERT INTO damaged(handle, layer, first, last, count, found, reason) "
+      "SELECT handle, 0, first, first, 7, 0, 'cannot be decoded' FROM segment WHERE handle = 1");
+  const CommandResult all = orva({"store", "export", place()});
+  EXPECT_EQ(all.exitCode, 1);
+  EXPECT_EQ(std::count(all.out.begin(), all.out.end(), '\n'), 12);
+  EXPECT_THAT(all.err, HasSubstr("exported: 1 stretches that were set apart were left out"));
+  EXPECT_EQ(orva({"store", "export", place(), "1"}).exitCode, 1);
+  EXPECT_EQ(orva({"store", "export", place(), "2"}).exitCode, 0) << "another item";
+  EXPECT_EQ(orva({"store", "export", place(), "1", "--from", "2023-11-14T22:13:25Z"}).exitCode, 0)
+      << "another time";
+}
+
+TEST_F(StoreTest, AnExportWithoutTheSegmentsOfANamelessItemFails) {
+  ASSERT_EQ(import(rows(10, 1000) + "1700000000000,2,Plant/State,string,run,0\n").exitCode, 0);
+  change("DELETE FROM item WHERE handle = 2");
+  const CommandResult result = orva({"store", "export", place()});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 11);
+  EXPECT_THAT(result.err, HasSubstr("exported: 1 segments of items without a name were left out"));
+  EXPECT_EQ(orva({"store", "export", place(), "1"}).exitCode, 0);
+}
+
+TEST_F(StoreTest, AnExportWithoutWhatTheIndexDoesNotLeadToFails) {
+  ASSERT_EQ(import(rows(2500, 1000)).exitCode, 0);
+  changeBehindTheIndex(
+      "INSERT INTO segment SELECT 99, handle, layer, first + 1, seq, last, count, "
+      "data FROM segment WHERE id = 1");
+  const CommandResult result = orva({"store", "export", place()});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.err, HasSubstr("exported: 1 segments that the index does not lead to were"));
+}
+
+TEST_F(StoreTest, AnExportOfALayerThatIsNotThereFails) {
+  ASSERT_EQ(import(rows(2, 1000)).exitCode, 0);
+  change("UPDATE segment SET layer = 1");
+  for (const char* layer : {"0", "7"}) {
+    const CommandResult result = orva({"store", "export", place(), "--layer", layer});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "the store has no layer " + std::string(layer) + ", but 1");
+  }
+  EXPECT_EQ(exported("1"), rows(2, 1000));
+}
+
+TEST_F(StoreTest, AnExportIntoTheStoreItselfIsRefused) {
+  ASSERT_EQ(import(rows(2, 1000)).exitCode, 0);
+  std::filesystem::create_symlink(file(), folder_.path("link.csv"));
+  std::filesystem::create_hard_link(file(), folder_.path("same.csv"));
+  for (const std::string& name :
+       {file(), file() + "-wal", file() + "-shm", file() + ".lock", folder_.path("link.csv"),
+        folder_.path("same.csv"), folder_.path("store/../store/archive.db")}) {
+    const CommandResult result = orva({"store", "export", place(), "--output", name});
+    EXPECT_EQ(result.exitCode, 1) << name;
+    EXPECT_THAT(result.err, HasSubstr("is a file of the store itself")) << name;
+  }
+  EXPECT_EQ(exported(), rows(2, 1000));
+}
+
+TEST_F(StoreTest, AnExportTakesItsNameInTheEnd) {
+  ASSERT_EQ(import(rows(2, 1000)).exitCode, 0);
+  const std::string earlier = folder_.write("all.csv", "an earlier one");
+  std::filesystem::create_symlink(earlier, folder_.path("link.csv"));
+  EXPECT_EQ(orva({"store", "export", place(), "--output", folder_.path("link.csv")}).exitCode, 0);
+  EXPECT_THAT(test::readFile(earlier), EndsWith(rows(2, 1000)));
+  EXPECT_TRUE(std::filesystem::is_symlink(folder_.path("link.csv")));
+  EXPECT_FALSE(std::filesystem::exists(earlier + ".new"));
+  EXPECT_EQ(orva({"store", "export", place(), "--output", "/dev/null"}).exitCode, 0);
+  EXPECT_THAT(orva({"store", "export", place(), "--output", "/dev/full"}).err,
+              HasSubstr("cannot write /dev/full; is the disk full?"));
+  EXPECT_THAT(orva({"store", "export", place(), "--output", folder_.path("none/x.csv")}).err,
+              HasSubstr("none/x.csv.new cannot be written"));
 }
 
 // ---- with a configuration
