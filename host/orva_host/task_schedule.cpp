@@ -11,12 +11,14 @@ TaskSchedule::Clock::duration TaskSchedule::periodOf(long long ticks) {
 }
 
 TaskSchedule::Id TaskSchedule::add(Time now, Clock::duration period, std::function<void()> call) {
-  const Id id = ++lastId_;
+  const Id id = lastId_ + 1;
   const Time due = now + period;
-  tasks_.emplace(id,
-                 Task{period, std::make_shared<const std::function<void()>>(std::move(call)), due});
-  waiting_.emplace(due, id);
-  return id;
+  Waiting place;
+  place.emplace(due, id);
+  const Call shared = std::make_shared<const std::function<void()>>(std::move(call));
+  tasks_.emplace(id, Task{period, shared, due, {}});
+  waiting_.merge(place);
+  return lastId_ = id;
 }
 
 TaskSchedule::Call TaskSchedule::remove(Id id) {
@@ -31,8 +33,9 @@ TaskSchedule::Call TaskSchedule::remove(Id id) {
 std::optional<TaskSchedule::Started> TaskSchedule::startDue(Time now) {
   if (waiting_.empty() || waiting_.begin()->first > now) return std::nullopt;
   const Id id = waiting_.begin()->second;
-  waiting_.erase(waiting_.begin());
-  return Started{id, tasks_.at(id).call};
+  Task& task = tasks_.at(id);
+  task.place = waiting_.extract(waiting_.begin());
+  return Started{id, task.call};
 }
 
 void TaskSchedule::finish(Id id, Time now) {
@@ -41,15 +44,15 @@ void TaskSchedule::finish(Id id, Time now) {
   Task& task = found->second;
   const auto missed = std::max<std::int64_t>(0, (now - task.due) / task.period);
   task.due += (missed + 1) * task.period;
-  waiting_.emplace(task.due, id);
+  if (!task.place) return;  // it does not run
+  task.place.value() = {task.due, id};
+  waiting_.insert(std::move(task.place));
 }
 
 void TaskSchedule::makeAllDue(Time now) {
-  std::set<std::pair<Time, Id>> due;
-  for (const auto& [time, id] : waiting_) {
-    tasks_.at(id).due = now;
-    due.emplace(now, id);
-  }
+  Waiting due;
+  for (const auto& place : waiting_) due.emplace(now, place.second);
+  for (const auto& place : due) tasks_.at(place.second).due = now;
   waiting_.swap(due);
 }
 

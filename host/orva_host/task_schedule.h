@@ -14,7 +14,8 @@ namespace orva::host {
 // Which periodic task is due when. A task's times are its start plus whole periods, so what delays
 // one call does not shift the next ones; times that have gone by are left out.
 //
-// No lock and no clock of its own: times come from its user.
+// No lock and no clock of its own: times come from its user. Only add() and makeAllDue() need
+// memory, and without it they change nothing.
 class TaskSchedule {
  public:
   using Clock = std::chrono::steady_clock;
@@ -49,14 +50,16 @@ class TaskSchedule {
   std::optional<Time> nextDue() const;
 
  private:
+  using Waiting = std::set<std::pair<Time, Id>>;
   struct Task {
     Clock::duration period;
     Call call;
     Time due;
+    Waiting::node_type place;  // its own in `waiting_`, while it runs
   };
 
   std::map<Id, Task> tasks_;
-  std::set<std::pair<Time, Id>> waiting_;  // those that are not running
+  Waiting waiting_;  // those that are not running
   Id lastId_ = 0;
 };
 

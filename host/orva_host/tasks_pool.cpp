@@ -1,6 +1,8 @@
 #include "orva_host/tasks_pool.h"
 
+#include <algorithm>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "host/async_task.h"
@@ -9,8 +11,6 @@
 
 namespace orva::host {
 namespace {
-
-constexpr std::size_t kMostThreads = 4;
 
 void callTask(const std::function<void()>& task) {
   try {
@@ -42,7 +42,7 @@ TaskSchedule::Started TasksPool::next() {
   const MutexLock lock(mutex_);
   for (;;) {
     if (auto task = schedule_.startDue(TaskSchedule::Clock::now())) {
-      running_.emplace(task->id, std::this_thread::get_id());
+      running_.push_back({task->id, std::this_thread::get_id()});
       keepThreadFree();
       return std::move(*task);
     }
@@ -56,22 +56,31 @@ TaskSchedule::Started TasksPool::next() {
 
 void TasksPool::finish(std::int64_t id) {
   const MutexLock lock(mutex_);
-  running_.erase(id);
+  running_.erase(running(id));
   schedule_.finish(id, TaskSchedule::Clock::now());
   ended_.notifyAll();
 }
 
 void TasksPool::keepThreadFree() {
   if (threads_ > running_.size() || threads_ == kMostThreads) return;
-  tthread::thread thread(&TasksPool::serve, this);
-  if (!thread.joinable()) return;
-  thread.detach();
-  ++threads_;
+  try {
+    tthread::thread thread(&TasksPool::serve, this);
+    if (!thread.joinable()) return;
+    thread.detach();
+    ++threads_;
+  } catch (const std::bad_alloc&) {
+    // Tried again with the next task.
+  }
+}
+
+TasksPool::AllRunning::const_iterator TasksPool::running(std::int64_t id) const {
+  return std::find_if(running_.begin(), running_.end(),
+                      [id](const Running& task) { return task.id == id; });
 }
 
 bool TasksPool::runsElsewhere(std::int64_t id) const {
-  const auto found = running_.find(id);
-  return found != running_.end() && found->second != std::this_thread::get_id();
+  const auto found = running(id);
+  return found != running_.end() && found->thread != std::this_thread::get_id();
 }
 
 std::int64_t TasksPool::add(long long period, std::function<void()> task) {

@@ -1,9 +1,9 @@
 #pragma once
 
+#include <boost/container/static_vector.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <optional>
 #include <thread>
 
@@ -35,6 +35,13 @@ class TasksPool {
   void makeAllDue() EXCLUDES(mutex_);
 
  private:
+  static constexpr std::size_t kMostThreads = 4;
+  struct Running {
+    std::int64_t id;
+    std::thread::id thread;
+  };
+  using AllRunning = boost::container::static_vector<Running, kMostThreads>;
+
   TasksPool() = default;
   ~TasksPool() = default;
 
@@ -42,13 +49,14 @@ class TasksPool {
   TaskSchedule::Started next() EXCLUDES(mutex_);
   void finish(std::int64_t id) EXCLUDES(mutex_);
   void keepThreadFree() REQUIRES(mutex_);
+  AllRunning::const_iterator running(std::int64_t id) const REQUIRES(mutex_);
   bool runsElsewhere(std::int64_t id) const REQUIRES(mutex_);
 
   Mutex mutex_;        // leaf
   Condition changed_;  // something may be due earlier than before
   Condition ended_;    // a call has ended
   TaskSchedule schedule_ GUARDED_BY(mutex_);
-  std::map<std::int64_t, std::thread::id> running_ GUARDED_BY(mutex_);
+  AllRunning running_ GUARDED_BY(mutex_);
   std::size_t threads_ GUARDED_BY(mutex_) = 0;
 };
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <limits>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "orva_host/task_schedule.h"
 #include "share/condition.h"
 #include "share/mutex.h"
+#include "support/failing_allocations.h"
 #include "support/trace_capture.h"
 
 namespace orva::tasks_pool_test {
@@ -46,6 +48,34 @@ TEST_F(TaskScheduleTest, ATaskIsDueFirstWhenOnePeriodHasPassed) {
   EXPECT_EQ(schedule_.nextDue(), at(1060));
   EXPECT_EQ(start(1059), 0);
   EXPECT_EQ(start(1060), task);
+}
+
+// What a task refers to may be gone when adding it failed.
+TEST_F(TaskScheduleTest, ATaskThatGetsNoMemoryIsNotThere) {
+  const auto held = std::make_shared<int>(0);
+  bool enough = false;
+  for (long count = 0; !enough && count < 20; ++count) {
+    try {
+      test::withAllocations(count, [&] {
+        schedule_.add(at(0), milliseconds(10), [held] { static_cast<void>(held); });
+      });
+      enough = true;
+    } catch (const std::bad_alloc&) {
+      EXPECT_EQ(held.use_count(), 1) << "with " << count << " allocations";
+      EXPECT_EQ(schedule_.nextDue(), std::nullopt);
+    }
+  }
+  EXPECT_TRUE(enough);
+  EXPECT_EQ(held.use_count(), 2);
+  EXPECT_EQ(start(10), 1);
+}
+
+TEST_F(TaskScheduleTest, ATaskGoesOnWithoutMemory) {
+  const auto task = add(0, 10);
+  EXPECT_EQ(start(10), task);
+  test::withAllocations(0, [&] { schedule_.finish(task, at(11)); });
+  EXPECT_EQ(start(19), 0);
+  EXPECT_EQ(start(20), task);
 }
 
 TEST_F(TaskScheduleTest, ARunningTaskIsNotStartedAgain) {
