@@ -110,6 +110,7 @@ void Archive::read(const archive::SharedInterval& interval) {
       interval->fail(orva::status::kBadOutOfMemory);
     }
     activity_.noteRead(watch.ticks(), pushed);
+    if (damage_.isDoubted()) wake_.notify();
   }
   interval->finalize();
 }

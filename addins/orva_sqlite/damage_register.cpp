@@ -51,16 +51,23 @@ bool DamageRegister::meets(const Stream& stream, std::int64_t from, std::int64_t
                      [=](const Stretch& s) { return s.first <= to && s.last >= from; });
 }
 
-std::vector<DamageRegister::Found> DamageRegister::takeReported() {
+std::vector<DamageRegister::Found> DamageRegister::reported() const {
   MutexLock lock(mutex_);
-  std::vector<Found> taken;
-  taken.swap(reported_);
-  return taken;
+  return reported_;
 }
 
-void DamageRegister::putBack(const std::vector<Found>& found) {
+void DamageRegister::settled(std::size_t count) {
   MutexLock lock(mutex_);
-  reported_.insert(reported_.begin(), found.begin(), found.end());
+  const auto end = std::min(count, reported_.size());
+  reported_.erase(reported_.begin(), reported_.begin() + static_cast<std::ptrdiff_t>(end));
+}
+
+void DamageRegister::acquit(const Found& found) {
+  MutexLock lock(mutex_);
+  std::vector<Stretch>& known = stretches_[found.stream];
+  known.erase(std::remove_if(known.begin(), known.end(),
+                             [&](const Stretch& s) { return s.id == found.segment.id; }),
+              known.end());
 }
 
 bool DamageRegister::hasReported() const {

@@ -31,11 +31,19 @@ class DamageRegister {
   void remember(const Stream& stream, const Segment& segment) EXCLUDES(mutex_);
   // Whether a read of these times, both included, meets a damaged stretch.
   bool meets(const Stream& stream, std::int64_t from, std::int64_t to) const EXCLUDES(mutex_);
-  // What was reported since the last call.
-  std::vector<Found> takeReported() EXCLUDES(mutex_);
-  // Those of them that could not be dealt with yet.
-  void putBack(const std::vector<Found>& found) EXCLUDES(mutex_);
+  // What was reported and not settled yet.
+  std::vector<Found> reported() const EXCLUDES(mutex_);
+  // The first `count` of them were dealt with.
+  void settled(std::size_t count) EXCLUDES(mutex_);
   bool hasReported() const EXCLUDES(mutex_);
+  // The row turned out to be good: nothing is lost where it was thought to be.
+  void acquit(const Found& found) EXCLUDES(mutex_);
+
+  // The index does not fit the rows, or SQLite says that the file is damaged.
+  void doubt() { doubted_ = true; }
+  bool isDoubted() const { return doubted_; }
+  bool takeDoubt() { return doubted_.exchange(false); }
+
   void forgetBefore(std::int64_t time) EXCLUDES(mutex_);
   void clear() EXCLUDES(mutex_);
 
@@ -47,6 +55,7 @@ class DamageRegister {
   };
 
   Counters& counters_;
+  std::atomic<bool> doubted_{false};
   std::atomic<bool> any_{false};  // spares reads the lock while nothing is damaged
   mutable Mutex mutex_;           // leaf
   std::map<const Stream*, std::vector<Stretch>> stretches_ GUARDED_BY(mutex_);

@@ -123,6 +123,14 @@ bool SegmentTable::isInPlace(const StreamKey& key, const Segment& segment) {
   return query.row();
 }
 
+bool SegmentTable::isGood(std::int64_t id, SegmentDecoder& decoder, Columns& out) {
+  Query query(byId_);
+  if (!query.bind(id).row()) return false;
+  Segment row;
+  readRow(query, row);
+  return decodeRow(query, row, decoder, out) == Decoded::kGood;
+}
+
 Decoded SegmentTable::load(const StreamKey& key, const Segment& segment, SegmentDecoder& decoder,
                            Columns& out) {
   out.clear();

@@ -73,6 +73,8 @@ class SegmentTable {
   bool holds(const Segment& segment);
   // Whether the row says itself that it belongs where the index has it.
   bool isInPlace(const StreamKey& key, const Segment& segment);
+  // Whether a row, however it was found, has samples that can be decoded.
+  bool isGood(std::int64_t id, SegmentDecoder& decoder, Columns& out);
   // The samples of a row that was found by the index. A good row in another place than the index
   // says, or none, is a failure of the connection: then the index is wrong, and not the row.
   Decoded load(const StreamKey& key, const Segment& segment, SegmentDecoder& decoder, Columns& out);

@@ -20,6 +20,9 @@ constexpr std::size_t kMergeSamples = 50000;
 // How long until setting damage apart, which failed, is tried again.
 constexpr long long kRepeatTicks = 60 * kTicksPerSecond;
 
+// How long until an index that readers doubt again is made anew again: that reads every row.
+constexpr std::int64_t kDoubtTicks = kTicksPerHour;
+
 constexpr int kCorrupt = 11;  // SQLite's code for content that is wrong
 
 // Whether a file stands there that has lost its content, or never got any.
@@ -98,19 +101,21 @@ bool StorageWorker::open() {
   return false;
 }
 
-// Opens the file and learns what is in it. What cannot be read is moved aside, so that there is an
-// archive whatever stood there; but not for one look that went wrong.
+// Opens the file and learns what is in it. What cannot be read, not even with a new index, is moved
+// aside, so that there is an archive whatever stood there; but not for one look that went wrong.
 bool StorageWorker::openFile() {
   bool doubted = false;
   for (int attempt = 0; attempt < 3; ++attempt) {
     const bool wasEmpty = isEmptied(location_.file());
-    const Opened opened = store_.open(location_.file(), doubtful_);
+    const Look look = doubtful_ ? Look::kWhole : doubted ? Look::kIndex : Look::kUsual;
+    const Opened opened = store_.open(location_.file(), look);
     const bool loaded = opened == Opened::kReady && load();
     // Names that are missing may have been misread: their items would get others.
     const bool misread = loaded && nameless_ && !doubted;
     if (loaded && !misread && settleDoubt()) {
       doubtful_ = false;
       if (wasEmpty) problems_.wasEmpty();
+      sayIndexIsNew();
       readers_.open(location_.file(), parameters_.cacheKiB);
       ready_ = true;
       return true;
@@ -287,11 +292,23 @@ void StorageWorker::appendBatch() {
   }
 }
 
+// False when the row is good, so that the index must be wrong.
+bool StorageWorker::setApart(const DamageRegister::Found& found) {
+  if (store_.segments().isGood(found.segment.id, store_.decoder(), columns_)) {
+    damage_.acquit(found);
+    damage_.doubt();
+    return false;
+  }
+  store_.setApart(found.segment, found.reason);
+  return true;
+}
+
 bool StorageWorker::setDamagedApart() {
-  const auto found = damage_.takeReported();
+  const auto found = damage_.reported();
   if (found.empty()) return true;
+  std::int64_t apart = 0;
   if (store_.begin(true)) {
-    for (const DamageRegister::Found& one : found) store_.setApart(one.segment, one.reason);
+    for (const DamageRegister::Found& one : found) apart += setApart(one) ? 1 : 0;
   }
   if (!store_.db().failed() && store_.commit()) {
     for (const DamageRegister::Found& one : found) {
@@ -303,16 +320,43 @@ bool StorageWorker::setDamagedApart() {
     }
   }
   if (!store_.db().failed()) {
+    damage_.settled(found.size());
     apartFailedAt_ = 0;
+    if (apart == 0) return true;
     problems_.post(HostEventKind::kProviderFailure, HostEventSeverity::kError,
-                   std::to_string(found.size()) + " damaged segments were set apart",
-                   static_cast<std::int64_t>(found.size()));
+                   std::to_string(apart) + " damaged segments were set apart", apart);
     return true;
   }
-  damage_.putBack(found);
   failed("setting damaged segments apart");
   apartFailedAt_ = failedAt_;
   return false;
+}
+
+// Makes the index anew where readers doubt it, but does not go on for ever where that does not
+// help. False when the file has to be opened again: what it holds was learnt from the old index.
+bool StorageWorker::settleIndex(std::int64_t now) {
+  if (!damage_.takeDoubt()) return true;
+  if (mendedAt_ != 0 && now - mendedAt_ < kDoubtTicks) return true;
+  mendedAt_ = now;
+  if (store_.mendIndex()) {
+    sayIndexIsNew();
+    store_.close();
+    return false;
+  }
+  // Rows cannot be read either. Reads that meet them say so, all others go on.
+  if (!store_.db().isUnreadable()) {
+    failed("making the index anew");
+    return false;
+  }
+  store_.rollback();
+  store_.db().clearFailure();
+  return true;
+}
+
+void StorageWorker::sayIndexIsNew() {
+  if (!store_.indexIsNew()) return;
+  OpcUa_Trace_Imp(kTraceWarning, "sqlite: archive \"%s\": its index was made anew from its rows\n",
+                  __FILE__, __LINE__, location_.file().c_str());
 }
 
 // After a failure only once in a while: new samples must not wait for it.
@@ -373,6 +417,7 @@ std::int64_t StorageWorker::pass() {
   if (damage_.hasReported() && ticksToSetApart(now) == 0 && !setDamagedApart()) {
     return ticksToNext(now);
   }
+  if (!settleIndex(now)) return failedAt_ == 0 ? 0 : ticksToNext(now);
   if (buffer_.batchIsDue(now, limits_.writePeriod)) {
     if (writeBatch()) return 0;
   } else if (!mergeQueue_.empty()) {

@@ -70,6 +70,9 @@ class StorageWorker {
   void appendBatch();
   bool cleanSome();
   bool setDamagedApart();
+  bool setApart(const DamageRegister::Found& found);
+  bool settleIndex(std::int64_t now);
+  void sayIndexIsNew();
   std::int64_t ticksToSetApart(std::int64_t now) const;
   bool mergeSome();
   void queueForMerge(Stream& stream);
@@ -101,6 +104,7 @@ class StorageWorker {
   std::int64_t marker_ = 0;         // first row of the batch tried last
   std::int64_t failedAt_ = 0;       // when something failed, 0 when nothing has to be tried again
   std::int64_t apartFailedAt_ = 0;  // when setting damage apart failed, 0 when it did not
+  std::int64_t mendedAt_ = 0;       // when the index was last made anew for the sake of a read
   std::int64_t cleanedAt_ = 0;      // when the last clean-up began
   AgeClock ageClock_;
   bool nameless_ = false;  // the file was found to have segments of unknown items

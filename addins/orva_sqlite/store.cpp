@@ -36,9 +36,27 @@ Store::Store(const StoreParameters& parameters, std::int64_t maxBytes, Counters&
                 "FROM segment WHERE id = ?1"),
       removeDamaged_(db_, "DELETE FROM damaged WHERE last < ?1") {}
 
-Opened Store::open(const std::string& file, bool thorough) {
+Opened Store::open(const std::string& file, Look look) {
   close();
-  return openWithSchema(db_, space_, kArchiveSchema, file, thorough, [this] { return prepare(); });
+  indexIsNew_ = false;
+  bool looked = look == Look::kUsual;
+  return openWithSchema(db_, space_, kArchiveSchema, file, look == Look::kWhole, [&] {
+    looked = looked || mendIndex();
+    return looked && prepare();
+  });
+}
+
+bool Store::mendIndex() {
+  constexpr int kConstraint = 19;
+  indexIsNew_ = db_.exec("REINDEX segment_by_time");
+  if (indexIsNew_) return true;
+  if ((db_.code() & 0xFF) == kConstraint) {
+    db_.clearFailure();
+    db_.noteCorrupt("two segments have one place");
+  }
+  if (!db_.isHarmless()) return false;
+  db_.clearFailure();
+  return true;
 }
 
 void Store::close() {

@@ -19,6 +19,10 @@ namespace orva::sqlite {
 // The tables of an archive's file; docs/sqlite-format.md says what the columns hold.
 extern const Schema kArchiveSchema;
 
+// How closely Store::open() looks: at what it needs, or it makes the index anew from the rows, or
+// it also has every page checked.
+enum class Look { kUsual, kIndex, kWhole };
+
 // The file of one archive as its only writer sees it: schema, rows, transactions. Used by one
 // thread at a time.
 class Store {
@@ -27,10 +31,15 @@ class Store {
   Store(const StoreParameters& parameters, std::int64_t maxBytes, Counters& counters);
   ~Store() { close(); }
 
-  // Opens the file, or begins a new one. `thorough` also has every page checked.
-  Opened open(const std::string& file, bool thorough);
+  // Opens the file, or begins a new one.
+  Opened open(const std::string& file, Look look);
   void close();
   bool isOpen() const { return db_.isOpen(); }
+  // Makes the index of segments anew from its rows, outside of transactions. Where space is
+  // lacking, or somebody holds the file, it stays as it was, and true is returned all the same.
+  bool mendIndex();
+  // Whether that was done, since open() was called or before it returned.
+  bool indexIsNew() const { return indexIsNew_; }
 
   // ---- what stands in the file
   bool forEachItem(const std::function<void(std::int64_t, const archive::ItemKey&)>& visit);
@@ -77,6 +86,7 @@ class Store {
   Statement removeDamaged_;
   SegmentEncoder encoder_;
   SegmentDecoder decoder_;
+  bool indexIsNew_ = false;
   std::int64_t nextItem_ = 1;
   std::int64_t nextSegment_ = 1;
 };

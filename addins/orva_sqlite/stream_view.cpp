@@ -59,6 +59,7 @@ void StreamView::closeFile() {
 void StreamView::checkFailure() {
   if (!reader_ || !reader_->db.failed()) return;
   unavailable_ = true;
+  if (reader_->db.isUnreadable()) damage_.doubt();
   problem_ = reader_->db.failure();
   closeFile();
 }

@@ -42,7 +42,7 @@ std::unique_ptr<StoreWriter> StoreWriter::temporary() {
 }
 
 void StoreWriter::open(const std::string& file) {
-  switch (store_.open(file, false)) {
+  switch (store_.open(file, sqlite::Look::kUsual)) {
     case sqlite::Opened::kReady:
       return loadItems();
     case sqlite::Opened::kUnreadable:

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -69,6 +70,23 @@ class IndexDamageTest : public ArchiveTest {
         .write(content.data(), static_cast<std::streamsize>(content.size()));
   }
 
+  // Damage that SQLite notices, if it comes that way: a segment that is in the index only.
+  void damageIndex(int segment) {
+    close();
+    leadInIndex(begin(segment), 100);
+    open();
+  }
+  void passes(int count) {
+    for (int i = 0; i < count; ++i) worker().pass();
+  }
+  ::testing::AssertionResult indexWasMended(int times = 1) {
+    const int mended = trace_.countContaining("its index was made anew");
+    if (mended == times && trace_.countContaining("was moved to") == 0) {
+      return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << "mended " << mended << " times, or moved aside";
+  }
+
   // The values of every sample of item "a", as the rows have them and not as the index does.
   std::vector<double> valuesByRow() {
     changeFile("REINDEX segment_by_time");
@@ -128,6 +146,101 @@ TEST_F(IndexDamageTest, JoiningARowThatTheIndexHasTwiceLosesNoSample) {
       close();
       EXPECT_EQ(valuesByRow(), writtenValues()) << "segment " << segment << " to row " << id;
     }
+  }
+}
+
+TEST_F(IndexDamageTest, AReadThatMeetsAWrongIndexHasItMended) {
+  const std::function<void()> damages[] = {[this] { leadInIndex(begin(1), 100); },
+                                           [this] { leadInIndex(begin(1), 3); },
+                                           [this] { changeInIndex(begin(1), second(90)); }};
+  for (const auto& damage : damages) {
+    startAnew();
+    trace_.clear();
+    writeSegments(4);
+    close();
+    damage();
+    open();
+    EXPECT_TRUE(isBad(ask({}).failure));
+    passes(3);
+    EXPECT_TRUE(answers({}));
+    EXPECT_TRUE(indexWasMended());
+    EXPECT_EQ(inFile("SELECT count(*) FROM damaged"), 0);
+    EXPECT_EQ(inFile("SELECT count(*) FROM pragma_integrity_check WHERE integrity_check <> 'ok'"),
+              0);
+  }
+}
+
+TEST_F(IndexDamageTest, AStartThatMeetsAWrongIndexHasItMended) {
+  writeSegments(4);
+  damageIndex(3);
+  EXPECT_TRUE(answers({}));
+  EXPECT_TRUE(indexWasMended());
+}
+
+TEST_F(IndexDamageTest, WritingGoesOnBehindAWrongIndex) {
+  writeSegments(4);
+  damageIndex(1);
+  write(begin(1) + 1, -1);
+  EXPECT_FALSE(worker().writeAll());
+  clock_.advance(kTicksPerMinute);
+  EXPECT_TRUE(worker().writeAll());
+  EXPECT_TRUE(answers({}));
+  EXPECT_TRUE(indexWasMended());
+}
+
+TEST_F(IndexDamageTest, CleaningUpGoesOnBehindAWrongIndex) {
+  limits_.maxTime = kTicksPerMinute;
+  writeSegments(4);
+  clock_.advance(kTicksPerHour);
+  damageIndex(1);
+  EXPECT_FALSE(worker().cleanUp());
+  EXPECT_TRUE(worker().cleanUp());
+  EXPECT_EQ(values({}), (std::vector<double>{319}));
+  EXPECT_TRUE(indexWasMended());
+}
+
+TEST_F(IndexDamageTest, ARowOfAnotherPlaceIsNotCleanedUp) {
+  limits_.maxTime = kTicksPerMinute;
+  limits_.maxWriteValues = 1;
+  clock_.setTime(second(1000));
+  open();
+  for (int i = 0; i < 3; ++i) write(second(i), i);
+  write({2, "b"}, 0, makePin(second(3), realValue(3)));  // the fourth row, and all that "b" has
+  ASSERT_TRUE(worker().writeAll());
+  close();
+  leadInIndex(second(1), 4);
+  open();
+  worker().cleanUp();
+  EXPECT_TRUE(worker().cleanUp());
+  EXPECT_EQ(values({}), (std::vector<double>{2}));
+  EXPECT_EQ(values({{2, "b"}}), (std::vector<double>{3}));
+}
+
+// Rows that run over many pages, one of which leads nowhere: no index helps there.
+TEST_F(IndexDamageTest, WhereANewIndexDoesNotHelpItIsMadeOnceAnHour) {
+  writeSegments(4);
+  close();
+  changeFile("UPDATE segment SET data = CAST(printf('%.9000c', 'Q') AS BLOB) WHERE id = 2");
+  changeFile("UPDATE segment SET data = zeroblob(70000) WHERE id = 3");  // joining stops here
+  const std::string file = folder_ / "archive.db";
+  std::ifstream in(file, std::ios::binary);
+  std::string content((std::istreambuf_iterator<char>(in)), {});
+  const std::size_t text = content.find(std::string(4000, 'Q'));
+  ASSERT_EQ(text % kPage, 4U);  // behind the number of the next page
+  content.replace(text - 4, 4, 4, '\x7F');
+  std::ofstream(file, std::ios::binary)
+      .write(content.data(), static_cast<std::streamsize>(content.size()));
+  open();
+  for (int hour = 1; hour < 3; ++hour) {
+    for (int i = 0; i < 5; ++i) {
+      EXPECT_TRUE(isBad(ask({}).failure));
+      passes(3);
+      clock_.advance(kTicksPerMinute);
+    }
+    EXPECT_TRUE(indexWasMended(hour));
+    write(second(1000 + hour), 1);
+    EXPECT_TRUE(worker().writeAll());
+    clock_.advance(kTicksPerHour);
   }
 }
 

@@ -20,7 +20,7 @@ class StreamViewTest : public ::testing::Test, private Intake {
         writer_(store_, damage_, counters_),
         pool_(2),
         stream_(catalog_.addStream(catalog_.add({1, "a"}), 0)) {
-    EXPECT_EQ(store_.open(folder_ / "archive.db", false), Opened::kReady);
+    EXPECT_EQ(store_.open(folder_ / "archive.db", Look::kUsual), Opened::kReady);
     pool_.open(folder_ / "archive.db", 1000);
     stream_.item.row = 1;
   }
