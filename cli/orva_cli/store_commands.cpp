@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -10,6 +12,7 @@
 #include "orva_cli/output_file.h"
 #include "orva_cli/store_text.h"
 #include "orva_host/time_text.h"
+#include "orva_host/trace_log.h"
 #include "orva_store/progress.h"
 #include "orva_store/store_check.h"
 #include "orva_store/store_compact.h"
@@ -126,33 +129,78 @@ int exportCommand(const Options& options, std::ostream& out) {
 
 // ---- import
 
-store::ImportPlan planOf(const StoreOptions& options) {
-  return options.config.empty() ? store::ImportPlan(options.place, options.dryRun)
-                                : store::ImportPlan(options.place, options.config, options.dryRun);
+std::unique_ptr<store::ImportPlan> planOf(const StoreOptions& options) {
+  if (options.config.empty()) {
+    return std::make_unique<store::ImportPlan>(options.place, options.dryRun);
+  }
+  return std::make_unique<store::ImportPlan>(options.place, options.config, options.dryRun);
 }
 
+// What the provider's code says of damage is not so when all is undone in the end.
+class QuietTrace final : public host::TraceHook {
+ public:
+  QuietTrace() { host::setTraceHook(this); }
+  ~QuietTrace() override { host::setTraceHook(nullptr); }
+  QuietTrace(const QuietTrace&) = delete;
+  QuietTrace& operator=(const QuietTrace&) = delete;
+  void onLine(const host::TraceLine&) override {}
+};
+
+// The rows that are refused: some are named, all are counted.
+class RefusedRows {
+ public:
+  RefusedRows(std::uint64_t shown, store::Progress& progress, std::ostream& errors)
+      : shown_(shown), progress_(progress), errors_(errors) {}
+
+  void tell(const std::string& file, long long line, const char* reason) {
+    if (told_++ >= shown_) return;
+    progress_.clear();
+    errors_ << file << ':' << line << ": " << reason << '\n';
+  }
+  void tellRest() {
+    if (told_ > shown_) errors_ << "and " << told_ - shown_ << " more refused rows\n";
+  }
+
+ private:
+  const std::uint64_t shown_;
+  store::Progress& progress_;
+  std::ostream& errors_;
+  std::uint64_t told_ = 0;
+};
+
+// A file that is not there, or not what it should be, is met before a store is made.
 int importCommand(const StoreOptions& options, std::ostream& out, std::ostream& errors) {
-  store::ImportPlan plan = planOf(options);
+  std::optional<QuietTrace> quiet;
+  if (options.dryRun) quiet.emplace();
+  const auto plan = planOf(options);
+  const std::vector<std::string> standardInput{"-"};
+  store::ImportInput input(options.files.empty() ? standardInput : options.files);
+  plan->openStores();
   store::Importer::Options how;
   how.dryRun = options.dryRun;
   how.filter = options.filter;
   store::Progress progress(store::Progress::terminal(), "rows");
-  std::uint64_t told = 0;
-  const store::TellRefused tell = [&](const std::string& file, long long line, const char* reason) {
-    if (told++ >= options.refusedShown) return;
+  RefusedRows refused(options.refusedShown, progress, errors);
+  store::ImportCounts counts;
+  const auto sayResult = [&] {
     progress.clear();
-    errors << file << ':' << line << ": " << reason << '\n';
+    refused.tellRest();
+    out << countsText(counts);
+    if (options.dryRun) out << "nothing was changed\n";
   };
-  const std::vector<std::string> standardInput{"-"};
-  const store::ImportCounts counts = store::importFiles(
-      plan, how, options.files.empty() ? standardInput : options.files, progress, tell);
-  progress.clear();
-  if (told > options.refusedShown) {
-    errors << "and " << told - options.refusedShown << " more refused rows\n";
+  try {
+    store::importFiles(
+        *plan, how, input, progress,
+        [&refused](const std::string& file, long long line, const char* reason) {
+          refused.tell(file, line, reason);
+        },
+        counts);
+  } catch (...) {
+    sayResult();
+    throw;
   }
-  out << countsText(counts);
-  if (options.dryRun) out << "nothing was changed\n";
-  return counts.refused == 0 ? kExitFine : kExitFailure;
+  sayResult();
+  return counts.refused == 0 && !counts.damage.any() ? kExitFine : kExitFailure;
 }
 
 // ---- compact
@@ -170,8 +218,9 @@ int compactCommand(const StoreOptions& options, std::ostream& out) {
   if (result.indexMended) out << "index     was damaged; made anew from the segments\n";
   out << "segments  " << result.segmentsBefore << " before, " << result.segmentsAfter << " now\n"
       << "size      " << bytesText(before) << " before, " << bytesText(bytesTaken(writer.file()))
-      << " now\n";
-  return kExitFine;
+      << " now\n"
+      << damageText(result.damage);
+  return result.damage.any() ? kExitFailure : kExitFine;
 }
 
 }  // namespace

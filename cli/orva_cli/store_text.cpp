@@ -98,6 +98,14 @@ std::string checkText(const store::CheckResult& result, const std::string& file,
   return text + damagedTable(result.damaged, zone);
 }
 
+std::string damageText(const store::DamageMet& damage) {
+  if (!damage.any()) return "";
+  std::string text = "damaged   " + std::to_string(damage.stretches) + " stretches";
+  if (damage.setApart == damage.stretches) return text + " set apart\n";
+  if (damage.setApart > 0) text += ", " + std::to_string(damage.setApart) + " of them set apart";
+  return text + "; `orva store check` lists them\n";
+}
+
 std::string countsText(const store::ImportCounts& counts) {
   std::string text = "rows      " + std::to_string(counts.rows) + "\n";
   text += "stored    " + std::to_string(counts.stored) + "\n";
@@ -107,7 +115,7 @@ std::string countsText(const store::ImportCounts& counts) {
   for (const auto& [layer, samples] : counts.layers) {
     text += "layer " + std::to_string(layer) + "   " + std::to_string(samples) + " samples\n";
   }
-  return text;
+  return text + damageText(counts.damage);
 }
 
 std::string figuresText(const store::StoreFigures& figures, const std::string& file, Zone zone) {

@@ -14,6 +14,8 @@ std::string checkText(const store::CheckResult& result, const std::string& file,
 std::string figuresText(const store::StoreFigures& figures, const std::string& file, Zone zone);
 
 std::string countsText(const store::ImportCounts& counts);
+// A line, or nothing where there was no damage.
+std::string damageText(const store::DamageMet& damage);
 
 // A record for each item and layer.
 std::string figuresCsv(const store::StoreFigures& figures, Zone zone);

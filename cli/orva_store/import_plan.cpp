@@ -82,10 +82,6 @@ const ArchiveEntry* entryOf(const std::vector<ArchiveEntry>& archives, std::int3
 
 }  // namespace
 
-ImportPlan::ImportPlan(const std::string& place, bool dryRun) : dryRun_(dryRun) {
-  everyItem_.store = open(place);
-}
-
 // Makes the plan of each item of a configuration.
 class ImportPlan::Configuration {
  public:
@@ -144,10 +140,22 @@ class ImportPlan::Configuration {
   std::map<std::string, StoreWriter*> open_;  // by file
 };
 
+ImportPlan::ImportPlan(const std::string& place, bool dryRun) : place_(place), dryRun_(dryRun) {}
+
 ImportPlan::ImportPlan(const std::string& place, const std::string& configFile, bool dryRun)
-    : dryRun_(dryRun) {
-  everyItem_.reason = "the configuration has no such item";
-  Configuration(*this, place, configFile).planAll();
+    : place_(place),
+      dryRun_(dryRun),
+      configuration_(std::make_unique<Configuration>(*this, place, configFile)) {}
+
+ImportPlan::~ImportPlan() = default;
+
+void ImportPlan::openStores() {
+  if (configuration_ == nullptr) {
+    everyItem_.store = open(place_);
+  } else {
+    everyItem_.reason = "the configuration has no such item";
+    configuration_->planAll();
+  }
 }
 
 StoreWriter* ImportPlan::open(const std::string& place) {

@@ -24,7 +24,8 @@ struct ItemPlan {
   std::string reason;      // why rows of it are refused
 };
 
-// Says for each item of an import where its samples go, and has these stores open.
+// Says for each item of an import where its samples go, and has these stores open once openStores()
+// was called: until then nothing is made.
 class ImportPlan {
  public:
   // Layer 0 of whatever item comes, in the store at `place`.
@@ -33,6 +34,9 @@ class ImportPlan {
   // and their other layers, wherever they are archived.
   ImportPlan(const std::string& place, const std::string& configFile, bool dryRun);
 
+  ~ImportPlan();
+
+  void openStores();
   const ItemPlan& planOf(const archive::ItemKey& key) const;
   const std::vector<std::unique_ptr<StoreWriter>>& stores() const { return stores_; }
 
@@ -41,7 +45,9 @@ class ImportPlan {
 
   StoreWriter* open(const std::string& place);
 
+  const std::string place_;
   const bool dryRun_;
+  std::unique_ptr<Configuration> configuration_;  // null: every item goes to `place_`
   ItemPlan everyItem_;
   std::map<archive::ItemKey, ItemPlan> items_;
   std::vector<std::unique_ptr<StoreWriter>> stores_;

@@ -108,6 +108,19 @@ void Importer::finish() {
   if (!isStoring_) flush(true);
 }
 
+ImportCounts Importer::result() const {
+  ImportCounts counts = counts_;
+  counts.stored = atCommit_.stored;
+  counts.same = atCommit_.same;
+  counts.layers = atCommit_.layers;
+  for (const auto& store : plan_.stores()) {
+    const DamageMet damage = store->damage();
+    counts.damage.stretches += damage.stretches;
+    counts.damage.setApart += damage.setApart;
+  }
+  return counts;
+}
+
 void Importer::flush(bool isLast) {
   isStoring_ = true;
   begin();
@@ -125,6 +138,7 @@ void Importer::flush(bool isLast) {
     }
   }
   commit(isLast);
+  atCommit_ = counts_;
   texts_.clear();
   rowsHeld_ = 0;
   textHeld_ = 0;
@@ -172,7 +186,7 @@ void Importer::store(Item& item) {
   std::vector<bool> marks(samples.size(), false);
   markRepeated(samples, marks);
   if (stream.stored.meets(samples.times.front(), samples.times.back())) {
-    StretchReader(store.store()).markStored(fileKey(stream), samples, marks);
+    StretchReader(store).markStored(fileKey(stream), samples, marks);
   }
   const std::size_t all = samples.size();
   dropMarked(samples, marks);

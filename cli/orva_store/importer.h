@@ -22,6 +22,7 @@ struct ImportCounts {
   std::uint64_t filtered = 0;  // the write filter does not want them
   std::uint64_t refused = 0;
   std::map<std::int32_t, std::uint64_t> layers;  // samples put into the others than 0
+  DamageMet damage;                              // that stood in the stores
 };
 
 // Puts samples into stores, in bulk. They may come in any order; one that is there already, same in
@@ -50,6 +51,8 @@ class Importer {
   void finish();
 
   ImportCounts& counts() { return counts_; }
+  // Those of what is in the stores: without what a batch that failed was to put there.
+  ImportCounts result() const;
 
  private:
   struct Item;
@@ -68,6 +71,7 @@ class Importer {
   ImportPlan& plan_;
   const Options options_;
   ImportCounts counts_;
+  ImportCounts atCommit_;  // when the last batch was in the stores
   std::unordered_map<std::int64_t, std::vector<std::unique_ptr<Item>>> items_;  // by id
   std::vector<Item*> waiting_;  // those with samples
   std::size_t rowsHeld_ = 0;

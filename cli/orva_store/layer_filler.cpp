@@ -78,7 +78,7 @@ void LayerFiller::fillStretch(StoreWriter& source, const sqlite::StreamKey& laye
                               LayerTarget& target, std::int64_t from, std::int64_t to) {
   held_.clear();
   if (target.stream->stored.meets(from, to)) {
-    StretchReader(target.store->store())
+    StretchReader(*target.store)
         .read(fileKey(*target.stream), from, to,
               [this](const sqlite::Columns& samples, std::size_t begin, std::size_t end) {
                 held_.append(samples, begin, end);
@@ -106,18 +106,16 @@ void LayerFiller::resample(StoreWriter& source, const sqlite::StreamKey& layer0,
       if (!isInLayer0_[at]) sampling.push(held_.pin(at));
     }
   };
-  StretchReader(source.store())
-      .read(layer0, from, to,
-            [&](const sqlite::Columns& samples, std::size_t begin, std::size_t end) {
-              for (std::size_t i = begin; i < end; ++i) {
-                pushHeldBefore(samples.times[i]);
-                for (std::size_t k = at; k < held_.size() && held_.times[k] == samples.times[i];
-                     ++k) {
-                  if (isSameSample(held_, k, samples, i)) isInLayer0_[k] = true;
-                }
-                sampling.push(samples.pin(i));
-              }
-            });
+  StretchReader(source).read(
+      layer0, from, to, [&](const sqlite::Columns& samples, std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+          pushHeldBefore(samples.times[i]);
+          for (std::size_t k = at; k < held_.size() && held_.times[k] == samples.times[i]; ++k) {
+            if (isSameSample(held_, k, samples, i)) isInLayer0_[k] = true;
+          }
+          sampling.push(samples.pin(i));
+        }
+      });
   for (; at < held_.size(); ++at) {
     if (!isInLayer0_[at]) sampling.push(held_.pin(at));
   }

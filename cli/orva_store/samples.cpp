@@ -94,6 +94,12 @@ void dropMarked(Columns& samples, const std::vector<bool>& marks) {
   dropFrom(samples.times, marks);
 }
 
+bool StretchReader::load(const sqlite::SegmentTable::Cursor& cursor) {
+  if (cursor.decode(store_.store().decoder(), loaded_) == sqlite::Decoded::kGood) return true;
+  store_.noteDamaged(cursor.segment());
+  return false;
+}
+
 // From sample `at` on, with the segment just loaded; the first sample that is as new as its newest.
 std::size_t StretchReader::markSegment(const Columns& samples, std::size_t at,
                                        std::vector<bool>& marks) const {
@@ -108,7 +114,7 @@ std::size_t StretchReader::markSegment(const Columns& samples, std::size_t at,
 
 void StretchReader::markStored(const sqlite::StreamKey& key, const Columns& samples,
                                std::vector<bool>& marks) {
-  sqlite::SegmentTable& segments = store_.segments();
+  sqlite::SegmentTable& segments = store_.store().segments();
   std::size_t at = 0;
   bool isDone = samples.empty();
   while (!isDone) {
@@ -126,7 +132,7 @@ void StretchReader::markStored(const sqlite::StreamKey& key, const Columns& samp
         isDone = false;  // the next sample may lie far ahead: look there
         break;
       }
-      if (cursor.decode(store_.decoder(), loaded_) != sqlite::Decoded::kGood) continue;
+      if (!load(cursor)) continue;
       at = markSegment(samples, at, marks);
       if (at == samples.size()) break;
     }

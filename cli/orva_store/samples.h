@@ -6,7 +6,7 @@
 
 #include "orva_sqlite/columns.h"
 #include "orva_sqlite/segment_table.h"
-#include "orva_sqlite/store.h"
+#include "orva_store/store_writer.h"
 
 namespace orva::store {
 
@@ -20,10 +20,11 @@ void markRepeated(const sqlite::Columns& samples, std::vector<bool>& marks);
 // Keeps those samples that are not marked.
 void dropMarked(sqlite::Columns& samples, const std::vector<bool>& marks);
 
-// Reads a stretch of a stream segment by segment. A segment that is damaged is passed over.
+// Reads a stretch of a stream segment by segment. A segment that is damaged is passed over, and the
+// store told of it.
 class StretchReader {
  public:
-  explicit StretchReader(sqlite::Store& store) : store_(store) {}
+  explicit StretchReader(StoreWriter& store) : store_(store) {}
 
   // Calls take(columns, begin, end) for the samples from `from` to `to`, both included, in order.
   template <class Take>
@@ -37,18 +38,20 @@ class StretchReader {
   std::size_t markSegment(const sqlite::Columns& samples, std::size_t at,
                           std::vector<bool>& marks) const;
 
-  sqlite::Store& store_;
+  bool load(const sqlite::SegmentTable::Cursor& cursor);
+
+  StoreWriter& store_;
   sqlite::Columns loaded_;
 };
 
 template <class Take>
 void StretchReader::read(const sqlite::StreamKey& key, std::int64_t from, std::int64_t to,
                          Take take) {
-  sqlite::SegmentTable& segments = store_.segments();
+  sqlite::SegmentTable& segments = store_.store().segments();
   sqlite::SegmentTable::Cursor cursor = segments.forward(key, segments.beginFor(key, from));
   while (cursor.next() && cursor.segment().first <= to) {
     if (cursor.segment().last < from) continue;
-    if (cursor.decode(store_.decoder(), loaded_) != sqlite::Decoded::kGood) continue;
+    if (!load(cursor)) continue;
     const auto begin = std::lower_bound(loaded_.times.begin(), loaded_.times.end(), from);
     const auto end = std::upper_bound(begin, loaded_.times.end(), to);
     take(loaded_, static_cast<std::size_t>(begin - loaded_.times.begin()),

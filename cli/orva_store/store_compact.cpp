@@ -41,6 +41,7 @@ class Compaction {
     }
     vacuum();
     result_.segmentsAfter = count();
+    result_.damage = store_.damage();
     return result_;
   }
 

@@ -11,6 +11,7 @@ struct CompactResult {
   bool indexMended = false;  // it was damaged, and was made anew from the segments
   std::uint64_t segmentsBefore = 0;
   std::uint64_t segmentsAfter = 0;
+  DamageMet damage;  // that stood in the way
 };
 
 // Mends the index where that is all that is damaged, and refuses a store with other damage of its

@@ -88,9 +88,24 @@ void StoreWriter::commit() {
   expectFine("writing");
   store_.commit();
   expectFine("writing");
+  setApart_ += takeDamaged();
 }
 
-void StoreWriter::rollback() { store_.rollback(); }
+void StoreWriter::rollback() {
+  store_.rollback();
+  takeDamaged();
+}
+
+std::size_t StoreWriter::takeDamaged() {
+  const auto found = damage_.takeReported();
+  for (const sqlite::DamageRegister::Found& each : found) noteDamaged(each.segment);
+  return found.size();
+}
+
+DamageMet StoreWriter::damage() {
+  takeDamaged();  // of a transaction that was undone
+  return {damagedIds_.size(), setApart_};
+}
 
 void StoreWriter::expectFine(const char* doing) {
   if (!store_.db().failed()) return;

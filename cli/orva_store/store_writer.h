@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -14,6 +15,14 @@
 #include "sqlite_base/location.h"
 
 namespace orva::store {
+
+// Segments that were found damaged.
+struct DamageMet {
+  std::uint64_t stretches = 0;
+  std::uint64_t setApart = 0;  // of them: their rows are in the table of what is damaged now
+
+  bool any() const { return stretches > 0; }
+};
 
 // A store that this program alone has open, to change it: no host can open it meanwhile. Failure is
 // thrown for whatever goes wrong; what was not committed is undone then.
@@ -38,6 +47,9 @@ class StoreWriter final : private sqlite::Intake {
   void commit();
   void rollback();
   void expectFine(const char* doing);
+  // A segment that was passed over, since it is damaged.
+  void noteDamaged(const sqlite::Segment& segment) { damagedIds_.insert(segment.id); }
+  DamageMet damage();
 
   sqlite::SegmentWriter& segments() { return writer_; }
   sqlite::Store& store() { return store_; }
@@ -48,6 +60,8 @@ class StoreWriter final : private sqlite::Intake {
   void accept(sqlite::Stream&, const PinPtr&) override {}
   void open(const std::string& file);
   void loadItems();
+  // How many segments were set apart since the last call.
+  std::size_t takeDamaged();
 
   sqlite::Location location_;
   sqlite::Counters counters_;
@@ -55,6 +69,8 @@ class StoreWriter final : private sqlite::Intake {
   sqlite::DamageRegister damage_;
   sqlite::SegmentWriter writer_;
   sqlite::Catalog catalog_;
+  std::set<std::int64_t> damagedIds_;  // of segments
+  std::uint64_t setApart_ = 0;
 };
 
 }  // namespace orva::store

@@ -1,14 +1,18 @@
 #include "orva_store/store_import.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <set>
+#include <thread>
 
+#include "orva_host/trace_log.h"
 #include "orva_store/import_plan.h"
 #include "orva_store/progress.h"
 #include "orva_store/store_compact.h"
@@ -94,16 +98,74 @@ TEST_F(StoreTest, RefusedRowsAreToldWithLineAndReasonAndTheOthersAreStored) {
   EXPECT_EQ(one.err, file + ":3: time_ms is no time in milliseconds\nand 3 more refused rows\n");
 }
 
-TEST_F(StoreTest, AFileThatCannotBeReadEndsTheImportAfterWhatCameBefore) {
+TEST_F(StoreTest, AFileThatCannotBeReadEndsTheImportBeforeAStoreIsMade) {
   const std::string good = csv(rows(3, 1000));
   const std::string other = folder_.write("other.csv", "time,value\n1,2\n");
   CommandResult result = orva({"store", "import", place(), good, other});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.err, StartsWith(other + ": the first line must be time_ms,item_id"));
-  EXPECT_EQ(exported(), rows(3, 1000));
-  result = orva({"store", "import", place(), folder_.path("none.csv")});
+  result = orva({"store", "import", place(), good, folder_.path("none.csv")});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.err, HasSubstr("none.csv cannot be read: No such file"));
+  EXPECT_FALSE(std::filesystem::exists(place()));
+}
+
+TEST_F(StoreTest, WhatCanBeReadButOnceIsImported) {
+  const std::string file = csv(rows(3, 1000));
+  const std::string pipe = folder_.path("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  std::thread writer([&] { std::ofstream(pipe) << std::ifstream(file).rdbuf(); });
+  EXPECT_EQ(orva({"store", "import", place(), pipe}).out, counts(3, 3, 0));
+  writer.join();
+}
+
+// A page that the store must not take stands for a disk that is full.
+TEST_F(StoreTest, AnImportThatFailsSaysWhatItHasDone) {
+  ASSERT_EQ(import("1,1,a,double,1,0\n").exitCode, 0);
+  change(
+      "CREATE TRIGGER full BEFORE INSERT ON segment WHEN NEW.handle > 1 "
+      "BEGIN SELECT RAISE(ABORT, 'no room'); END");
+  const CommandResult result = orva({"store", "import", place(),
+                                     csv("1,1,a,double,1,0\n5,1,a,double,1,0\n"
+                                         "noon,1,a,double,1,0\nnoon,1,a,double,1,0\n"
+                                         "2,1,b,double,1,0\n"),
+                                     "--show", "1"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.out, counts(5, 0, 0, 2)) << "the batch that failed was undone";
+  EXPECT_THAT(result.err, HasSubstr("\nand 1 more refused rows\n"));
+  EXPECT_THAT(result.err, HasSubstr("no room"));
+}
+
+// ---- damage
+
+TEST_F(StoreTest, ADamagedSegmentThatAnImportMeetsIsInItsResult) {
+  ASSERT_EQ(import(rows(1500, 1000)).exitCode, 0);
+  change("UPDATE segment SET data = x'00' WHERE count = 500");
+  const std::string late = csv(rows(1, 1000, 1'200'500), "late.csv");
+  CommandResult result = orva({"store", "import", place(), late, "--dry-run"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.out, counts(1, 1, 0) +
+                            "damaged   1 stretches; `orva store check` lists them\n"
+                            "nothing was changed\n");
+  EXPECT_EQ(number("SELECT count(*) FROM damaged"), 0);
+  result = orva({"store", "import", place(), late});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.out, counts(1, 1, 0) + "damaged   1 stretches set apart\n");
+  EXPECT_EQ(number("SELECT count(*) FROM damaged"), 1);
+  EXPECT_EQ(orva({"store", "import", place(), late}).exitCode, 0) << "it is met no more";
+}
+
+TEST_F(StoreTest, ADryRunSaysNothingOfSettingApart) {
+  ASSERT_EQ(import(rows(500, 1000)).exitCode, 0);
+  change("UPDATE segment SET data = x'00'");
+  const std::string late = csv(rows(1, 1000, 500), "late.csv");
+  const std::string log = folder_.path("log");
+  ASSERT_EQ(host::setTraceFile(log), 0);
+  orva({"store", "import", place(), late, "--dry-run"});
+  EXPECT_EQ(test::readFile(log), "");
+  orva({"store", "import", place(), late});
+  EXPECT_THAT(test::readFile(log), HasSubstr("are set apart"));
+  EXPECT_EQ(host::setTraceFile(""), 0);
 }
 
 TEST_F(StoreTest, ADryRunCountsAndChangesNothing) {
@@ -140,9 +202,12 @@ TEST_F(StoreTest, RowsInAnyOrderAndAnyBatchesGiveTheDistinctRowsInOrder) {
       Importer::Options options;
       options.batchRows = 5 + random() % 150;
       Progress progress(nullptr, "rows");
-      const ImportCounts result =
-          importFiles(plan, options, {csv(text)}, progress,
-                      [](const std::string&, long long, const char*) { FAIL(); });
+      ImportInput input({csv(text)});
+      plan.openStores();
+      ImportCounts result;
+      importFiles(
+          plan, options, input, progress,
+          [](const std::string&, long long, const char*) { FAIL(); }, result);
       EXPECT_EQ(result.stored, pass == 0 ? distinct.size() : 0U);
       same += result.same;
       EXPECT_EQ(result.stored + result.same, result.rows);
@@ -335,7 +400,7 @@ TEST_F(ConfiguredImportTest, LayersAreWhatOneImportOfAllGivesWhateverTheOrderOfF
 TEST_F(ConfiguredImportTest, LayersThatAnEarlierImportLeftOutAreFilled) {
   const std::string all = rows(3000, 1000);
   ASSERT_EQ(StoreTest::import(all).exitCode, 0);
-  EXPECT_EQ(exported("1"), "");
+  EXPECT_EQ(number("SELECT max(layer) FROM segment"), 0);
   ASSERT_EQ(import(all).exitCode, 0);
   const std::string minutes = exported("1");
   EXPECT_NE(minutes, "");
@@ -458,6 +523,15 @@ TEST_F(StoreTest, CompactEndsWhereTheIndexLeadsBack) {
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.err, HasSubstr(" is damaged"));
   EXPECT_EQ(number("SELECT count(*) FROM segment"), 20);
+}
+
+TEST_F(StoreTest, ADamagedSegmentThatACompactionMeetsIsInItsResult) {
+  storeOneByOne(place(), 20);
+  change("UPDATE segment SET data = x'00' WHERE id IN (3)");
+  const CommandResult result = orva({"store", "compact", place()});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.out, EndsWith(" now\ndamaged   1 stretches set apart\n"));
+  EXPECT_EQ(orva({"store", "compact", place()}).exitCode, 0) << "it is met no more";
 }
 
 TEST_F(StoreTest, CompactNeedsAStore) {
