@@ -97,7 +97,8 @@ void StoreWriter::rollback() {
 }
 
 std::size_t StoreWriter::takeDamaged() {
-  const auto found = damage_.takeReported();
+  const auto found = damage_.reported();
+  damage_.settled(found.size());
   for (const sqlite::DamageRegister::Found& each : found) noteDamaged(each.segment);
   return found.size();
 }
