@@ -87,9 +87,11 @@ void DamageRegister::forgetBefore(std::int64_t time) {
   }
 }
 
-void DamageRegister::clear() {
+void DamageRegister::forgetRows() {
   MutexLock lock(mutex_);
-  stretches_.clear();
+  for (auto& entry : stretches_) {
+    for (Stretch& stretch : entry.second) stretch.id = 0;
+  }
   reported_.clear();
 }
 

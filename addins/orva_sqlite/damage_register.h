@@ -45,7 +45,8 @@ class DamageRegister {
   bool takeDoubt() { return doubted_.exchange(false); }
 
   void forgetBefore(std::int64_t time) EXCLUDES(mutex_);
-  void clear() EXCLUDES(mutex_);
+  // The rows are those of a file that is gone: their numbers may come again. What is lost stays so.
+  void forgetRows() EXCLUDES(mutex_);
 
  private:
   struct Stretch {

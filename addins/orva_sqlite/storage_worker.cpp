@@ -23,8 +23,6 @@ constexpr long long kRepeatTicks = 60 * kTicksPerSecond;
 // How long until an index that readers doubt again is made anew again: that reads every row.
 constexpr std::int64_t kDoubtTicks = kTicksPerHour;
 
-constexpr int kCorrupt = 11;  // SQLite's code for content that is wrong
-
 // Whether a file stands there that has lost its content, or never got any.
 bool isEmptied(const std::string& file) {
   std::error_code error;
@@ -105,6 +103,7 @@ bool StorageWorker::open() {
 // aside, so that there is an archive whatever stood there; but not for one look that went wrong.
 bool StorageWorker::openFile() {
   bool doubted = false;
+  bool moved = false;
   for (int attempt = 0; attempt < 3; ++attempt) {
     const bool wasEmpty = isEmptied(location_.file());
     const Look look = doubtful_ ? Look::kWhole : doubted ? Look::kIndex : Look::kUsual;
@@ -112,6 +111,8 @@ bool StorageWorker::openFile() {
     const bool loaded = opened == Opened::kReady && load();
     // Names that are missing may have been misread: their items would get others.
     const bool misread = loaded && nameless_ && !doubted;
+    const std::size_t lost = loaded && !misread ? learn() : 0;
+    if (lost > 0 && !moved) sayLoss(lost);
     if (loaded && !misread && settleDoubt()) {
       doubtful_ = false;
       if (wasEmpty) problems_.wasEmpty();
@@ -130,6 +131,7 @@ bool StorageWorker::openFile() {
       return false;
     }
     if (doubted && !moveAside()) return false;
+    moved = moved || doubted;
     doubted = !doubted;
   }
   problems_.cannotOpen("cannot be read");
@@ -158,46 +160,27 @@ bool StorageWorker::moveAside() {
     problems_.cannotOpen("cannot be read, nor moved aside: " + problem);
     return false;
   }
-  problems_.movedAside(name);
-  forgetFile();
+  // Reads of what it held say that it is lost, until the next start: see learn().
+  marker_ = 0;
+  damage_.forgetRows();
+  mergeQueue_.clear();
   doubtful_ = false;
+  problems_.movedAside(name);
   return true;
 }
 
-// Reads of what the file held say that it is lost, until the next start.
-void StorageWorker::forgetFile() {
-  marker_ = 0;
-  damage_.clear();
-  mergeQueue_.clear();
-  for (Item* const item : catalog_.items()) {
-    item->row = 0;
-    item->rowStored = false;
-  }
-  for (Stream* const stream : catalog_.streams()) {
-    Segment lost;
-    lost.first = stream->stored.first;
-    lost.last = stream->stored.last;
-    if (!stream->stored.empty()) damage_.remember(*stream, lost);
-    stream->stored = Span();
-    buffer_.setStored(*stream, Span());
-  }
-}
-
+// Looks at what the file holds. Nothing is taken for known before learn().
 bool StorageWorker::load() {
   byRow_.clear();
+  loaded_.clear();
   nameless_ = false;
-  const bool first = !ready_;
-  store_.forEachItem([this](std::int64_t row, const archive::ItemKey& key) {
-    Item& item = catalog_.add(key);
-    item.row = row;
-    item.rowStored = true;
-    byRow_[row] = &item;
-  });
+  store_.forEachItem(
+      [this](std::int64_t row, const archive::ItemKey& key) { byRow_[row] = &catalog_.add(key); });
   StreamKey key{std::numeric_limits<std::int64_t>::min(), 0};
   while (const auto next = store_.segments().nextStream(key)) {
     // A damaged index may lead back to where the search began, for ever.
     if (std::tie(next->handle, next->layer) <= std::tie(key.handle, key.layer)) {
-      store_.db().note(kCorrupt, "listing what is stored: the index is out of order");
+      store_.db().noteCorrupt("listing what is stored: the index is out of order");
       break;
     }
     key = *next;
@@ -207,32 +190,83 @@ bool StorageWorker::load() {
       OpcUa_Trace_Imp(
           kTraceError, "sqlite: archive \"%s\": segments of item %lld, which has no name\n",
           __FILE__, __LINE__, location_.file().c_str(), static_cast<long long>(key.handle));
-    } else if (!loadStream(key, *item->second)) {
-      break;
+    } else {
+      loaded_[&catalog_.addStream(*item->second, key.layer)] = writer_.spanOf(key);
     }
   }
-  if (first && !store_.db().failed()) {
+  if (!ready_ && !store_.db().failed()) {
     store_.forEachDamaged([this](const StreamKey& at, const Segment& segment) {
       const auto item = byRow_.find(at.handle);
       if (item == byRow_.end()) return;
       damage_.remember(catalog_.addStream(*item->second, at.layer), segment);
     });
   }
-  byRow_.clear();
   return !store_.db().failed();
 }
 
-bool StorageWorker::loadStream(const StreamKey& key, Item& item) {
-  Stream& stream = catalog_.addStream(item, key.layer);
-  const Span span = writer_.spanOf(key);
-  // What could not be looked up is not empty: reads would take it for that.
-  if (store_.db().failed()) return false;
-  stream.stored = span;
-  // The last start may have left small segments.
-  stream.freshRows = 8;
-  stream.freshTo = stream.stored.last;
-  buffer_.setStored(stream, stream.stored);
+// What load() found is known from now on. The file may be another one than before: then its items
+// have other numbers, or none, and of how many streams samples are lost is returned. No read may
+// have the numbers of one file and look into the other: see renumber().
+std::size_t StorageWorker::learn() {
+  const std::vector<Item*> items = catalog_.items();
+  if (renumber(items)) {
+    readers_.close();
+    damage_.forgetRows();
+  }
+  std::size_t lost = 0;
+  for (Stream* const stream : catalog_.streams()) {
+    const auto found = loaded_.find(stream);
+    const Span span = found == loaded_.end() ? Span() : found->second;
+    lost += rememberLoss(*stream, span) ? 1 : 0;
+    stream->stored = span;
+    buffer_.setStored(*stream, span);
+    if (found == loaded_.end()) continue;
+    // The last start may have left small segments.
+    stream->freshRows = 8;
+    stream->freshTo = span.last;
+  }
+  for (Item* const item : items) {
+    const auto row = rows_.find(item);
+    item->rowStored = row != rows_.end();
+    item->row = item->rowStored ? row->second : 0;
+  }
+  byRow_.clear();
+  loaded_.clear();
+  rows_.clear();
+  return lost;
+}
+
+// Whether an item has another number than it had.
+bool StorageWorker::renumber(const std::vector<Item*>& items) {
+  rows_.clear();
+  for (const auto& [row, item] : byRow_) {
+    std::int64_t& highest = rows_[item];
+    highest = std::max(highest, row);
+  }
+  return std::any_of(items.begin(), items.end(), [this](const Item* item) {
+    const auto row = rows_.find(item);
+    return item->row != 0 && (row == rows_.end() || row->second != item->row);
+  });
+}
+
+// Whether the file had newer samples than it has. Older ones may have been cleaned up.
+bool StorageWorker::rememberLoss(const Stream& stream, const Span& span) {
+  const Span& before = stream.stored;
+  if (before.empty() || (!span.empty() && span.last >= before.last)) return false;
+  Segment lost;
+  lost.first = span.empty() ? before.first : std::max(before.first, span.last + 1);
+  lost.last = before.last;
+  damage_.remember(stream, lost);
   return true;
+}
+
+void StorageWorker::sayLoss(std::size_t streams) {
+  const std::string problem = "the file is not what it was: newer samples of " +
+                              std::to_string(streams) + " items and layers are lost";
+  OpcUa_Trace_Imp(kTraceError, "sqlite: archive \"%s\": %s\n", __FILE__, __LINE__,
+                  location_.file().c_str(), problem.c_str());
+  problems_.post(HostEventKind::kProviderFailure, HostEventSeverity::kError, problem,
+                 static_cast<std::int64_t>(streams));
 }
 
 // ---- writing
@@ -488,6 +522,8 @@ bool StorageWorker::cleanUp() {
 
 void StorageWorker::interrupted() {
   byRow_.clear();
+  loaded_.clear();
+  rows_.clear();
   newItems_.clear();
   store_.close();
   store_.db().clearFailure();

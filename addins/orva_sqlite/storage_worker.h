@@ -61,9 +61,11 @@ class StorageWorker {
   bool open();
   bool openFile();
   bool load();
+  std::size_t learn();
+  bool renumber(const std::vector<Item*>& items);
+  bool rememberLoss(const Stream& stream, const Span& span);
+  void sayLoss(std::size_t streams);
   bool settleDoubt();
-  bool loadStream(const StreamKey& key, Item& item);
-  void forgetFile();
   bool moveAside();
   bool writeBatch();
   bool tryBatch();
@@ -96,8 +98,10 @@ class StorageWorker {
   Store store_;
   SegmentWriter writer_;
   Cleaner cleaner_;
-  std::unordered_map<std::int64_t, Item*> byRow_;  // while loading
-  std::vector<Item*> newItems_;                    // of the batch being written
+  std::unordered_map<std::int64_t, Item*> byRow_;       // what load() found
+  std::unordered_map<const Stream*, Span> loaded_;      // the same
+  std::unordered_map<const Item*, std::int64_t> rows_;  // byRow_ the other way round
+  std::vector<Item*> newItems_;                         // of the batch being written
   std::vector<Stream*> mergeQueue_;
   Columns columns_;
   // Times are those of Signal::elapsed().

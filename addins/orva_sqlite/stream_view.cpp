@@ -32,7 +32,7 @@ StreamView::StreamView(const Stream& stream, std::int64_t from, std::int64_t to,
       if (inFile) snapshot.inFlight.clear();
       break;
     }
-    reader_->db.rollback();
+    closeFile();  // the file may be another one by now
   }
   tail_ = std::move(snapshot.inFlight);
   tail_.insert(tail_.end(), snapshot.waiting.begin(), snapshot.waiting.end());

@@ -166,6 +166,7 @@ std::size_t WriteBuffer::committed(bool done) {
 
 void WriteBuffer::setStored(BufferedStream& stream, Span span) {
   MutexLock lock(mutex_);
+  ++epoch_;
   stream.stored_ = span;
 }
 
