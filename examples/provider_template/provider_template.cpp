@@ -4,6 +4,7 @@
 #include <atomic>
 #include <boost/make_shared.hpp>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <map>
 
@@ -24,6 +25,7 @@ struct Record {
 class SampleFile final : public ILayerWriter {
  public:
   SampleFile(std::string path, std::size_t most) : path_(std::move(path)), most_(most) {
+    cutToWholeRecords();
     Record record;
     std::ifstream in(path_, std::ios::binary);
     while (in.read(reinterpret_cast<char*>(&record), sizeof record)) records_.push_back(record);
@@ -71,10 +73,22 @@ class SampleFile final : public ILayerWriter {
     std::ofstream out(path_, std::ios::binary | std::ios::app);
     const auto bytes = static_cast<std::streamsize>(records.size() * sizeof(Record));
     out.write(reinterpret_cast<const char*>(records.data()), bytes).flush();
-    if (!out) logMsg("template: %s: %zu samples lost\n", path_.c_str(), records.size());
+    if (out) return;
+    logMsg("template: %s: %zu samples lost\n", path_.c_str(), records.size());
+    out.close();
+    cutToWholeRecords();
   }
 
  private:
+  // A loss of power, or a full disk, may leave a part of a record, which would shift all behind it.
+  void cutToWholeRecords() {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(path_, error);
+    if (error || size % sizeof(Record) == 0) return;
+    std::filesystem::resize_file(path_, size - size % sizeof(Record), error);
+    if (error) logMsg("template: %s: %s\n", path_.c_str(), error.message().c_str());
+  }
+
   const std::string path_;
   const std::size_t most_;
   std::atomic<std::size_t> refused_{0};

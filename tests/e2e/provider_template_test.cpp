@@ -86,6 +86,32 @@ TEST_F(ProviderTemplateTest, AnswersReadsAndKeepsHistoryOverARestart) {
   EXPECT_EQ(kept, all_);
 }
 
+// What a loss of power leaves: a part of the last record.
+TEST_F(ProviderTemplateTest, ATornRecordDoesNotShiftThoseBehindIt) {
+  startWith(kCounter);
+  ASSERT_TRUE(plant_.waitForValue(plant_.itemId("Plant/Counter"), "7.5"));
+  EXPECT_EQ(plant_.host().stop(), 0);
+  const std::string file = plant_.folder().path("1-0");
+  const std::string whole = readFile(file);
+  plant_.folder().write("1-0", whole + whole.substr(0, 7));
+  startWith(R"(
+    local counter = ArchiveProc.new{Id = 1, Path = "Plant/Counter"}
+    function cycle()
+      if counter.Value == 9 then return end
+      counter.Value = 9
+      counter()
+    end)");
+  ASSERT_TRUE(plant_.waitForValue(plant_.itemId("Plant/Counter"), "9.0"));
+  EXPECT_EQ(plant_.host().stop(), 0);
+
+  startWith("function cycle() end");
+  Samples kept = read("Plant/Counter");
+  ASSERT_EQ(kept.size(), 8U);
+  EXPECT_EQ(kept[6].value, "9.0") << "the first one behind the torn record";
+  kept.resize(all_.size());
+  EXPECT_EQ(kept, all_);
+}
+
 TEST_F(ProviderTemplateTest, SaysWhatItRefused) {
   startWith(kCounter);
   EXPECT_TRUE(plant_.host().waitForLog("2-0: 1 samples refused"));
