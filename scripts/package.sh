@@ -60,9 +60,10 @@ check_depends() {
   folder=$(mktemp -d)
   dpkg-deb -x "$1" "$folder"
   depends=$(dpkg-deb -f "$1" Depends | tr ',' '\n' | awk '{print $1}')
+  # Inside $( ) a failure ends nothing by itself.
   needed=$(find "$folder" -type f \( -name '*.so' -o -path '*/bin/*' \) | while read -r file; do
-    needed_packages "$file"
-  done | sort -u)
+    needed_packages "$file" || exit 1
+  done | sort -u) || exit 1
   rm -rf "$folder"
   for package in $needed; do
     grep -qxF -- "$package" <<<"$depends" || fail "$(basename "$1") lacks the dependency $package"

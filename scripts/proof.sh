@@ -7,7 +7,8 @@ usage() {
 usage: scripts/proof.sh [--part NAME]... [--list]
 
 Runs each part to its end, also after one failed, and says how long it took. What a part printed
-stands in build/proof/NAME.log. The last line counts; exit code 0 if no part failed.
+stands in build/proof/NAME.log. The last line counts parts, and the cases of them that were skipped; exit
+code 0 if no part failed.
   --part NAME  only this one; may be given again
   --list       the parts and their commands, runs nothing
 USAGE
@@ -55,6 +56,7 @@ fi
 mkdir -p build/proof
 passed=0
 failed=0
+skipped=0
 for part in "${parts[@]}"; do
   IFS='|' read -r name proves command <<<"$part"
   if ((${#chosen[@]} > 0)) && [[ " ${chosen[*]} " != *" $name "* ]]; then continue; fi
@@ -69,8 +71,9 @@ for part in "${parts[@]}"; do
     failed=$((failed + 1))
     verdict="FAILED with exit code $status, see build/proof/$name.log"
   fi
-  printf '%-12s %6d s  %s: %s (%s)\n' "$name" $((SECONDS - start)) "$proves" "$verdict" \
-    "$(tail -n 1 "build/proof/$name.log")"
+  last=$(tail -n 1 "build/proof/$name.log")
+  if [[ $last =~ ,\ ([0-9]+)\ skipped$ ]]; then skipped=$((skipped + BASH_REMATCH[1])); fi
+  printf '%-12s %6d s  %s: %s (%s)\n' "$name" $((SECONDS - start)) "$proves" "$verdict" "$last"
 done
-echo "$passed passed, $failed failed"
+echo "$passed passed, $failed failed$( ((skipped == 0)) || echo ", $skipped skipped")"
 ((failed == 0))

@@ -1,9 +1,9 @@
 # Shared by the proofs that are test binaries; sourced after common.sh.
 
 # run_cases PROCESSES BINARY [ARGUMENT...]: runs its cases in so many processes, prints what they say
-# and, last, how many passed and failed. Exits with 0 when all passed.
+# and, last, how many passed, failed and were skipped. Exits with 0 when none failed.
 run_cases() {
-  local processes=$1 folder index passed failed ended=0 bad=0 pids=()
+  local processes=$1 folder index passed failed skipped ended=0 bad=0 pids=()
   shift
   folder=$(mktemp -d)
   for ((index = 0; index < processes; ++index)); do
@@ -20,10 +20,11 @@ run_cases() {
   done
   passed=$(cat "$folder"/* | grep -c '^\[       OK \]' || true)
   failed=$(cat "$folder"/* | grep -c '^\[  FAILED  \].*ms)$' || true)
+  skipped=$(cat "$folder"/* | grep -c '^\[  SKIPPED \].*ms)$' || true)
   rm -rf "$folder"
   failed=$((failed + ended))
   if ((failed == 0 && (bad || passed == 0))); then failed=1; fi
-  echo "$passed passed, $failed failed"
+  echo "$passed passed, $failed failed$( ((skipped == 0)) || echo ", $skipped skipped")"
   ((failed == 0))
   exit
 }

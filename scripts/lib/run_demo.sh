@@ -5,6 +5,7 @@ source "$(dirname "$0")/common.sh"
 seconds=$1
 port=$2
 
+patience=${ORVA_DEMO_PATIENCE:-60} # seconds until the host listens; a small board takes some
 bin=build/release/bin
 folder=build/demo
 host=
@@ -56,12 +57,15 @@ start_host() {
   "$bin/orva_host" --config "$folder/plant.json" --port "$port" \
     >"$folder/host.out" 2>"$folder/host.log" &
   host=$!
-  for _ in {1..100}; do
+  local deadline=$((SECONDS + patience)) result=0
+  while ((SECONDS < deadline)) && kill -0 "$host" 2>/dev/null; do
     if grep -q '^listening on' "$folder/host.out"; then return; fi
-    kill -0 "$host" 2>/dev/null || finish
     pause 0.1
   done
-  finish
+  stop_host || result=$?
+  say "the host did not listen within $patience s, its exit code is $result; the end of its log, $folder/host.log:"
+  tail -n 20 "$folder/host.log"
+  exit 1
 }
 
 trap on_exit EXIT

@@ -132,6 +132,8 @@ class Recording:
 
 
 class Host:
+    """A running host; at the latest the end of a `with` ends it."""
+
     def __init__(self, program, folder, recording=None, file=None):
         config = {"log": {"levels": 48, "file": "host.log"}, "http": {"port": 0},
                   "addins": ["liborva_database.so", "liborva_sqlite.so"],
@@ -153,7 +155,23 @@ class Host:
             [program, "--config", os.path.join(folder, "plant.json")], stdout=self._output,
             stderr=self._output)
         self._folder = folder
-        self.port = self._wait_for_port()
+        try:
+            self.port = self._wait_for_port()
+        except BaseException:
+            self._end()
+            raise
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._end()
+
+    def _end(self):
+        if self._process.poll() is None:
+            self._process.kill()
+            self._process.wait()
+        self._output.close()
 
     def _wait_for_port(self):
         for _ in range(600):
@@ -227,6 +245,26 @@ def report(recording, polls, base):
     return good
 
 
+def prove(host, recording, base):
+    """Whether all samples came, and took the memory that they may."""
+    begun = time.monotonic()
+    polls, sums = replay(host, recording)
+    taken = time.monotonic() - begun
+    good = report(recording, polls, base)
+    accepted = int(sums["orva_samples_accepted_total"])
+    dropped = int(sums["orva_sqlite_dropped_samples_total"])
+    print(f"{polls[-1][0]} samples of {len(recording.items)} items in {taken:.0f} s, "
+          f"{accepted} archived, {recording.accepted - accepted} missing, {dropped} dropped, "
+          f"{len(polls)} looks")
+    if accepted != recording.accepted or dropped != 0:
+        print("samples are missing")
+        good = False
+    if host.stop() != 0:
+        print("the host did not stop well")
+        good = False
+    return good
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--program", required=True, help="orva_host")
@@ -235,28 +273,13 @@ def main():
     folder = tempfile.mkdtemp(prefix="orva_plant_day_")
     try:
         recording = Recording(arguments.recording)
-        empty = Host(arguments.program, os.path.join(folder, "empty"))
-        time.sleep(1)
-        base = int(empty.metrics()["orva_host_resident_bytes"])
-        empty.stop()
-        begun = time.monotonic()
-        host = Host(arguments.program, os.path.join(folder, "plant"), recording,
-                    arguments.recording)
-        polls, sums = replay(host, recording)
-        taken = time.monotonic() - begun
-        good = report(recording, polls, base)
-        accepted = int(sums["orva_samples_accepted_total"])
-        dropped = int(sums["orva_sqlite_dropped_samples_total"])
-        print(f"{polls[-1][0]} samples of {len(recording.items)} items in {taken:.0f} s, "
-              f"{accepted} archived, {recording.accepted - accepted} missing, {dropped} dropped, "
-              f"{len(polls)} looks")
-        if accepted != recording.accepted or dropped != 0:
-            print("samples are missing")
-            good = False
-        if host.stop() != 0:
-            print("the host did not stop well")
-            good = False
-        return 0 if good else 1
+        with Host(arguments.program, os.path.join(folder, "empty")) as empty:
+            time.sleep(1)
+            base = int(empty.metrics()["orva_host_resident_bytes"])
+            empty.stop()
+        with Host(arguments.program, os.path.join(folder, "plant"), recording,
+                  arguments.recording) as host:
+            return 0 if prove(host, recording, base) else 1
     finally:
         shutil.rmtree(folder, ignore_errors=True)
 
