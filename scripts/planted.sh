@@ -61,6 +61,12 @@ select_patches() {
     printf '%s\n' "${all[@]}"
   fi
 }
+# Each number is looked up before: what fails inside < <( ) is not seen.
+for number in ${only//,/ }; do
+  [[ $number =~ ^[0-9]+$ ]] || usage_error "--only needs numbers, not $number"
+  printf '%s\n' "${all[@]}" | grep "/$(printf %02d "$((10#$number))")-" >/dev/null ||
+    fail "there is no patch $number"
+done
 mapfile -t patches < <(select_patches)
 ((${#patches[@]} > 0)) || fail "there is no such patch"
 
