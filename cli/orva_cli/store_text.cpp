@@ -93,7 +93,7 @@ std::string checkText(const store::CheckResult& result, const std::string& file,
           " segments, " + std::to_string(result.samples) + " samples\n";
   for (const std::string& problem : result.problems) text += "file      " + problem + "\n";
   if (result.isFine()) return text + "damaged   nothing\n";
-  if (result.damaged.empty()) return text + "damaged   the file; every segment can be read\n";
+  if (result.damaged.empty()) return text + "damaged   the file; every segment that was found can be read\n";
   text += "damaged   " + std::to_string(result.damaged.size()) + " stretches:\n";
   return text + damagedTable(result.damaged, zone);
 }

@@ -62,9 +62,14 @@ class Compaction {
   }
 
   bool isIntact() {
-    sqlite::Statement statement(store_.db(), "PRAGMA integrity_check(1)");
-    sqlite::Query query(statement);
-    return query.row() && query.text(0) == "ok";
+    bool isFine = false;
+    {
+      sqlite::Statement statement(store_.db(), "PRAGMA integrity_check(1)");
+      sqlite::Query query(statement);
+      isFine = query.row() && query.text(0) == "ok";
+    }
+    store_.db().clearFailure();  // what cannot be checked may still be mended
+    return isFine;
   }
 
   std::uint64_t count() {

@@ -110,7 +110,10 @@ DamageMet StoreWriter::damage() {
 
 void StoreWriter::expectFine(const char* doing) {
   if (!store_.db().failed()) return;
-  const std::string problem = store_.db().failure();
+  std::string problem = store_.db().failure();
+  if (store_.db().isUnreadable()) {
+    problem += "; `orva store check` looks for damage, and `orva store compact` mends the index";
+  }
   store_.rollback();
   throw Failure((file().empty() ? "a temporary file" : file()) + ": " + doing +
                 " failed: " + problem);

@@ -23,6 +23,7 @@
 namespace orva::store {
 namespace {
 
+using ::testing::ContainsRegex;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
@@ -153,6 +154,16 @@ TEST_F(StoreTest, ADamagedSegmentThatAnImportMeetsIsInItsResult) {
   EXPECT_EQ(result.out, counts(1, 1, 0) + "damaged   1 stretches set apart\n");
   EXPECT_EQ(number("SELECT count(*) FROM damaged"), 1);
   EXPECT_EQ(orva({"store", "import", place(), late}).exitCode, 0) << "it is met no more";
+}
+
+TEST_F(StoreTest, AnImportThatADamagedIndexStopsSaysWhatMendsIt) {
+  ASSERT_EQ(import(rows(2500, 1000)).exitCode, 0);
+  changeBehindTheIndex("UPDATE segment SET handle = 7 WHERE id = 2");
+  const std::string late = csv(rows(1, 1000, 1'200'500), "late.csv");
+  const CommandResult result = orva({"store", "import", place(), late});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.out, counts(1, 0, 0));
+  EXPECT_THAT(result.err, EndsWith("`orva store compact` mends the index"));
 }
 
 TEST_F(StoreTest, ADryRunSaysNothingOfSettingApart) {
@@ -504,6 +515,33 @@ TEST_F(StoreTest, CompactMakesADamagedIndexAnewBeforeItJoins) {
                                      "segments  2500 before, 3 now\n"));
   EXPECT_EQ(exported(), before);
   EXPECT_EQ(orva({"store", "check", place()}).exitCode, 0);
+}
+
+// Bits of the index's page, one at a time.
+TEST_F(StoreTest, CompactLosesNothingToADamagedIndex) {
+  storeOneByOne(place(), 20);
+  const std::string before = exported();
+  change("PRAGMA wal_checkpoint(TRUNCATE)");
+  const std::string whole = test::readFile(file());
+  const auto page = static_cast<std::size_t>(
+      number("SELECT rootpage FROM sqlite_master WHERE name = 'segment_by_time'") - 1);
+  const auto bytes = static_cast<std::size_t>(number("PRAGMA page_size"));
+  int mended = 0;
+  for (std::size_t at = page * bytes; at < (page + 1) * bytes; ++at) {
+    if (whole[at] == 0 || at % 3 != 0) continue;
+    std::string damaged = whole;
+    damaged[at] = static_cast<char>(damaged[at] ^ 0x40);
+    for (const char* log : {"-wal", "-shm"}) std::filesystem::remove(file() + log);
+    folder_.write("store/archive.db", damaged);
+    const CommandResult result = orva({"store", "compact", place()});
+    if (result.exitCode == 0) {
+      ++mended;
+      EXPECT_EQ(exported(), before) << "byte " << at;
+    } else {
+      EXPECT_THAT(result.err, ContainsRegex("is damaged, and left as it is|is no store"));
+    }
+  }
+  EXPECT_GT(mended, 50);
 }
 
 TEST_F(StoreTest, CompactLeavesADamagedTableAsItIs) {
