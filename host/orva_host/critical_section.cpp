@@ -10,7 +10,7 @@ struct RCriticalSection {
   explicit RCriticalSection(const char* givenName) : name(givenName == nullptr ? "" : givenName) {}
 
   const std::string name;  // seen in a debugger
-  orva::RecursiveMutex mutex;
+  orva::RecursiveMutex mutex{orva::LockClass::kSection};
 };
 
 // Each call makes a section of its own; equal names are not the same section.

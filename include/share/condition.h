@@ -17,13 +17,13 @@ class Condition {
   void notifyAll() { changed_.notify_all(); }
 
   void wait(Mutex& mutex) REQUIRES(mutex) {
-    std::unique_lock<std::mutex> lock(mutex.native(), std::adopt_lock);
+    std::unique_lock<std::mutex> lock(mutex.nativeForWait(), std::adopt_lock);
     changed_.wait(lock);
     lock.release();
   }
   // False once `end` has come.
   bool waitUntil(Mutex& mutex, Clock::time_point end) REQUIRES(mutex) {
-    std::unique_lock<std::mutex> lock(mutex.native(), std::adopt_lock);
+    std::unique_lock<std::mutex> lock(mutex.nativeForWait(), std::adopt_lock);
     const bool inTime = changed_.wait_until(lock, end) == std::cv_status::no_timeout;
     lock.release();
     return inTime;

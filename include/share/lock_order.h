@@ -6,6 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 
+#if defined(ORVA_LOCK_ORDER)
+#include <execinfo.h>
+#include <unistd.h>
+#endif
+
 namespace orva {
 
 // Where a mutex stands in the order of locks that docs/architecture.md tells. A thread takes them
@@ -27,6 +32,7 @@ enum class LockClass : unsigned char {
   // These have no place in the order, but must not close a circle.
   kRemoteTables,   // of the remote archive source; above leaves alone
   kEventsManager,  // the making and stopping of archives of events
+  kSection,        // an add-in's critical section, above whatever it calls meanwhile
   kTestFirst,      // for the test of what follows
   kTestSecond,
 };
@@ -44,11 +50,11 @@ constexpr std::size_t kClasses = static_cast<std::size_t>(LockClass::kTestSecond
 
 constexpr const char* nameOf(LockClass lockClass) {
   constexpr const char* kNames[kClasses] = {
-      "remote pass",          "configuration", "JSON method",    "asynchronous reads",
-      "older archive filter", "archives",      "provider",       "queue",
-      "cache directory",      "cached item",   "leaf",           "trace",
-      "trace hook",           "remote tables", "events manager", "first of test",
-      "second of test",
+      "remote pass",          "configuration",  "JSON method",    "asynchronous reads",
+      "older archive filter", "archives",       "provider",       "queue",
+      "cache directory",      "cached item",    "leaf",           "trace",
+      "trace hook",           "remote tables",  "events manager", "critical section",
+      "first of test",        "second of test",
   };
   return kNames[static_cast<std::size_t>(lockClass)];
 }
@@ -57,6 +63,11 @@ constexpr const char* nameOf(LockClass lockClass) {
 using Failure = void (*)(const char* text);
 [[noreturn]] inline void endProcess(const char* text) {
   std::fprintf(stderr, "lock order: %s\n", text);
+#if defined(ORVA_LOCK_ORDER)
+  std::array<void*, 48> frames{};
+  backtrace_symbols_fd(frames.data(), backtrace(frames.data(), static_cast<int>(frames.size())),
+                       STDERR_FILENO);
+#endif
   std::abort();
 }
 inline std::atomic<Failure> failure{&endProcess};
@@ -130,6 +141,15 @@ inline void acquiring(const void* mutex, LockClass wanted) {
   }
 }
 
+// Before a mutex that is held is let go until something happens, and then taken again: as if all
+// other locks had been taken before it.
+inline void awaiting(const void* mutex, LockClass lockClass) {
+  const HeldLocks& held = heldLocks;
+  for (std::size_t i = 0; i < held.count; ++i) {
+    if (held.locks[i].mutex != mutex) check(held.locks[i].lockClass, lockClass);
+  }
+}
+
 inline void acquired(const void* mutex, LockClass lockClass) {
   HeldLocks& held = heldLocks;
   if (held.count == held.locks.size()) return failure.load()("a thread holds too many locks");
@@ -159,6 +179,7 @@ class LockWatch {
     if (!lock_order::isHeld(this)) acquiring();
   }
   void acquired() const { lock_order::acquired(this, lockClass_); }
+  void awaiting() const { lock_order::awaiting(this, lockClass_); }
   void released() const { lock_order::released(this); }
 
  private:
@@ -172,6 +193,7 @@ class LockWatch {
   void acquiring() const {}
   void acquiringAgain() const {}
   void acquired() const {}
+  void awaiting() const {}
   void released() const {}
 };
 #endif

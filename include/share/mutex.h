@@ -31,8 +31,11 @@ class CAPABILITY("mutex") Mutex : private LockWatch {
     mutex_.unlock();
   }
 
-  // For Condition only.
-  std::mutex& native() { return mutex_; }
+  // For Condition only: what lets the mutex go and takes it again.
+  std::mutex& nativeForWait() {
+    awaiting();
+    return mutex_;
+  }
 
  private:
   std::mutex mutex_;

@@ -56,6 +56,15 @@ TEST(CriticalSectionTest, OneThreadMayEnterAgainWhileOthersWait) {
   RDoneCriticalSection(section);
 }
 
+TEST(CriticalSectionTest, TheHostMayBeCalledInside) {
+  setConfigSection("Inside", "{}");
+  RCriticalSection* section = RInitCriticalSection("test");
+  REnterCriticalSection(section);
+  EXPECT_EQ(GetConfigDataValue("Inside"), "{}");
+  RLeaveCriticalSection(section);
+  RDoneCriticalSection(section);
+}
+
 TEST(CriticalSectionTest, NullIsIgnored) {
   REnterCriticalSection(nullptr);
   RLeaveCriticalSection(nullptr);

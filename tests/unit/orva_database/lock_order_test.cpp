@@ -51,6 +51,15 @@ TEST_F(LockOrderTest, AnInversionIsFoundThoughNobodyBlocksAnybody) {
             "\"archives\" is taken while \"cached item\" is held, against the order of locks;");
 }
 
+TEST_F(LockOrderTest, ABreachEndsTheProcess) {
+  EXPECT_DEATH(
+      {
+        lock_order::failure = &lock_order::endProcess;
+        allowed(LockClass::kCachedItem, LockClass::kArchives);
+      },
+      "lock order: \"archives\" is taken while \"cached item\" is held");
+}
+
 TEST_F(LockOrderTest, UnderALeafNothingIsTakenButForATrace) {
   EXPECT_FALSE(allowed(LockClass::kLeaf, LockClass::kLeaf));
   EXPECT_FALSE(allowed(LockClass::kLeaf, LockClass::kCachedItem));
@@ -64,6 +73,12 @@ TEST_F(LockOrderTest, TwoOfOneClassAreNotTakenTogether) {
 TEST_F(LockOrderTest, TheRemoteTablesAreAboveLeavesAlone) {
   EXPECT_TRUE(allowed(LockClass::kRemoteTables, LockClass::kLeaf));
   EXPECT_FALSE(allowed(LockClass::kRemoteTables, LockClass::kArchives));
+}
+
+TEST_F(LockOrderTest, AnAddinCallsWhatItLikesUnderItsSection) {
+  EXPECT_TRUE(allowed(LockClass::kSection, LockClass::kConfiguration));
+  EXPECT_TRUE(allowed(LockClass::kSection, LockClass::kLeaf));
+  EXPECT_FALSE(allowed(LockClass::kLeaf, LockClass::kSection));
 }
 
 // Each of the threads alone does nothing wrong.
@@ -80,6 +95,18 @@ TEST_F(LockOrderTest, AMutexIsNotTakenTwice) {
   lock_order::acquiring(&mutex, LockClass::kQueue);
   lock_order::released(&mutex);
   EXPECT_EQ(found(), "\"queue\" is taken while \"queue\" is held, and is the same;");
+}
+
+TEST_F(LockOrderTest, AWaitTakesItsMutexUnderAllOthers) {
+  const int mutexes[2] = {};
+  take(&mutexes[0], LockClass::kProvider);
+  take(&mutexes[1], LockClass::kLeaf);
+  lock_order::awaiting(&mutexes[1], LockClass::kLeaf);
+  EXPECT_EQ(found(), "");
+  lock_order::awaiting(&mutexes[0], LockClass::kProvider);
+  EXPECT_EQ(found(), "\"provider\" is taken while \"leaf\" is held, against the order of locks;");
+  lock_order::released(&mutexes[1]);
+  lock_order::released(&mutexes[0]);
 }
 
 // A function of its own: the compiler's analysis does not see that the caller holds the first.
