@@ -13,7 +13,10 @@ ArchiveSource* DatabaseArchSourceFactory::CreateArchiveSource() {
     source = std::make_unique<archive::ProxyOldArchiveApi>();
     source->SetDescription("memory");
     MutexLock lock(mutex_);
-    source->SetHostArchive(hostArchive_, forwardToHost_);
+    ArchiveAdapter* const archive = hostArchive_;
+    const bool forward = forwardToHost_;
+    lock.unlock();  // the source has a mutex of its own
+    source->SetHostArchive(archive, forward);
   });
   return made ? source.release() : nullptr;
 }

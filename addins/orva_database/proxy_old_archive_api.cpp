@@ -190,22 +190,24 @@ StatusCode ProxyOldArchiveApi::write(int item, const ArchiveRec& rec) {
 
 void ProxyOldArchiveApi::writeToHost(int item, const ArchiveRec& rec) {
   ArchiveAdapter* archive = nullptr;
-  boost::optional<std::uint32_t> known;
+  bool isKnown = false;
+  std::uint32_t parameter = kNoParameter;
   {
     MutexLock lock(state_->mutex);
     if (!state_->forwardToHost) return;
     archive = state_->hostArchive;
     const auto found = state_->paramIndex.find(item);
-    if (found != state_->paramIndex.end()) known = found->second;
+    isKnown = found != state_->paramIndex.end();
+    if (isKnown) parameter = found->second;
   }
-  if (!known) {
-    known = findParameter(item);
+  if (!isKnown) {
+    parameter = findParameter(item);
     MutexLock lock(state_->mutex);
-    state_->paramIndex.emplace(item, *known);
+    state_->paramIndex.emplace(item, parameter);
   }
-  if (*known == kNoParameter) return;
+  if (parameter == kNoParameter) return;
   ArchiveAdapterValue value;
-  value.index = *known;
+  value.index = parameter;
   value.time = FileTimeToRTime(rec.time);
   if (!isPlainlyGood(GetRPARAMValue(value.index, &rec.value.Get(), &value.value))) return;
   value.quality = GetDAQualityByUA(rec.status);
