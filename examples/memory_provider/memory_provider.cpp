@@ -97,7 +97,7 @@ class MemoryArchive final : public IDataArchive {
 
   const std::size_t samplesPerLayer_;
   Filter filter_;        // set before start(), unchanged afterwards
-  mutable Mutex mutex_;  // guards what follows; the layers have locks of their own, taken after it
+  mutable Mutex mutex_;  // leaf: the layers have locks of their own, never taken under it
   std::map<ItemKey, std::uint32_t> handles_ GUARDED_BY(mutex_);
   std::map<std::pair<std::uint32_t, std::int32_t>, MemoryLayer> layers_ GUARDED_BY(mutex_);
   bool stopped_ GUARDED_BY(mutex_) = false;

@@ -388,9 +388,12 @@ class AsyncReadsTest : public ::testing::Test {
         EXPECT_EQ(publish(subscription), kNothingToPublish);
       }
     }
-    MutexLock lock(deadMutex_);
-    for (const SharedInterval& interval : dead_) test::answer(interval, test::steps(kT0, 20));
-    dead_.clear();
+    std::vector<SharedInterval> dead;
+    {
+      MutexLock lock(deadMutex_);
+      dead.swap(dead_);
+    }
+    for (const SharedInterval& interval : dead) test::answer(interval, test::steps(kT0, 20));
   }
 
   void endAbandoned() {

@@ -408,8 +408,13 @@ std::uint32_t ScriptedProvider::itemHandle(const ItemKey& key) {
 
 archive::ILayerWriter& ScriptedProvider::layerWriter(const ItemKey& key, std::int32_t layer,
                                                      std::int64_t parameter) {
+  std::function<void(const ItemKey&)> hook;
+  {
+    MutexLock lock(mutex_);
+    hook = onLayerWriter_;
+  }
+  if (hook) hook(key);
   MutexLock lock(mutex_);
-  if (onLayerWriter_) onLayerWriter_(key);
   ++layerWriterCount_;
   knowItem(key);
   const LayerKey layerKey(key, layer);
@@ -479,8 +484,9 @@ boost::weak_ptr<ScriptedProvider> ScriptedFactory::weak(std::size_t index) {
 }
 
 void ScriptedFactory::forget() {
+  std::vector<boost::shared_ptr<ScriptedProvider>> made;  // providers end outside the lock
   MutexLock lock(mutex_);
-  made_.clear();
+  made.swap(made_);
 }
 
 }  // namespace orva::test
