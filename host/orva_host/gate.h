@@ -13,6 +13,10 @@ class Gate {
  public:
   using Clock = std::chrono::steady_clock;
 
+  Gate() = default;
+  // One that is not a leaf among the locks.
+  explicit Gate(LockClass lockClass) : mutex_(lockClass) {}
+
   void open() EXCLUDES(mutex_) {
     // Told under the lock: whoever waits may destroy the gate as soon as it is open.
     const MutexLock lock(mutex_);
@@ -29,7 +33,7 @@ class Gate {
   bool waitFor(std::chrono::milliseconds limit) { return waitUntil(Clock::now() + limit); }
 
  private:
-  mutable Mutex mutex_;  // leaf
+  mutable Mutex mutex_;  // leaf, unless made otherwise
   Condition opened_;
   bool open_ GUARDED_BY(mutex_) = false;
 };

@@ -173,7 +173,7 @@ void replay(const std::string& file, const Recording& recording) {
   cfg.type = "csv";
   cfg.file = file;
   cfg.speed = 0;
-  host::Gate stop;
+  host::Gate stop{LockClass::kTraceHook};  // opened by a trace hook
   EndOfReplay end(stop);
   std::string error;
   const auto source = host::makeCsvSource(cfg, error);

@@ -180,8 +180,8 @@ class StuckLog final : public host::TraceHook {
     left = true;
   }
 
-  host::Gate entered;
-  host::Gate leave;
+  host::Gate entered{LockClass::kTraceHook};
+  host::Gate leave{LockClass::kTraceHook};
   std::atomic<bool> left{false};
 };
 
