@@ -5,6 +5,10 @@
 #include "share/lock_order.h"
 #include "share/thread_annotations.h"
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace orva {
 
 // The system mutex with the attributes that let clang check who holds it. Not recursive. Its class
@@ -13,6 +17,10 @@ class CAPABILITY("mutex") Mutex : private LockWatch {
  public:
   Mutex() = default;
   explicit Mutex(LockClass lockClass) : LockWatch(lockClass) {}
+#if defined(__SANITIZE_THREAD__)
+  // The sanitizer does not see a std::mutex end, and takes one made later in its place for it.
+  ~Mutex() { __tsan_mutex_destroy(mutex_.native_handle(), 0); }
+#endif
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
@@ -46,6 +54,10 @@ class CAPABILITY("mutex") RecursiveMutex : private LockWatch {
  public:
   RecursiveMutex() = default;
   explicit RecursiveMutex(LockClass lockClass) : LockWatch(lockClass) {}
+#if defined(__SANITIZE_THREAD__)
+  // The same.
+  ~RecursiveMutex() { __tsan_mutex_destroy(mutex_.native_handle(), 0); }
+#endif
   RecursiveMutex(const RecursiveMutex&) = delete;
   RecursiveMutex& operator=(const RecursiveMutex&) = delete;
 
