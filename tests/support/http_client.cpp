@@ -112,9 +112,11 @@ HttpReply httpGet(std::uint16_t port, const std::string& path, const std::string
 
 HttpReply httpPost(std::uint16_t port, const std::string& path, const std::string& body,
                    const std::string& extraHeaders, int timeoutMs) {
+  // Before there is a connection: a large one takes longer than a peer waits for a header.
+  const std::string request = postRequest(path, body, "Connection: close\r\n" + extraHeaders);
   HttpConnection connection(port);
   // A peer that refuses the body stops taking it, but has replied.
-  connection.send(postRequest(path, body, "Connection: close\r\n" + extraHeaders));
+  connection.send(request);
   return connection.receive(timeoutMs);
 }
 
