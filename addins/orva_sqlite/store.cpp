@@ -47,13 +47,8 @@ Opened Store::open(const std::string& file, Look look) {
 }
 
 bool Store::mendIndex() {
-  constexpr int kConstraint = 19;
   indexIsNew_ = db_.exec("REINDEX segment_by_time");
   if (indexIsNew_) return true;
-  if ((db_.code() & 0xFF) == kConstraint) {
-    db_.clearFailure();
-    db_.noteCorrupt("two segments have one place");
-  }
   if (!db_.isHarmless()) return false;
   db_.clearFailure();
   return true;

@@ -54,7 +54,8 @@ void Database::clearFailure() {
 
 bool Database::isUnreadable() const {
   const int primary = code_ & 0xFF;
-  return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_FORMAT;
+  return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_FORMAT ||
+         primary == SQLITE_CONSTRAINT;
 }
 
 bool Database::isHarmless() const {

@@ -36,7 +36,7 @@ class Database {
   const std::string& failure() const { return failure_; }
   void clearFailure();
   // Whether the failure says that the file's content is wrong, rather than that it cannot be
-  // reached now.
+  // reached now. So does a row that is refused for another one that cannot be there.
   bool isUnreadable() const;
   // Whether only space is lacking, or somebody else held the file: the connection is as good as
   // before.

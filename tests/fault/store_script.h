@@ -87,6 +87,7 @@ class StoreScript {
   void compare(archive::IDataArchive& archive, std::size_t source, std::int64_t from,
                std::int64_t to, std::vector<std::int64_t>* found = nullptr);
   // Compares all that the archive holds with the ledger.
+  void settle();
   void compareAll();
   void complain(const std::string& what);
 
