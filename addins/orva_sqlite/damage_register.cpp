@@ -21,7 +21,7 @@ void DamageRegister::report(const Stream& stream, const Segment& segment, Decode
     const bool again = std::any_of(known.begin(), known.end(),
                                    [&](const Stretch& s) { return s.id == segment.id; });
     if (again) return;
-    known.push_back({segment.first, segment.last, segment.id});
+    known.push_back({segment.first, segment.end(), segment.id});
     reported_.push_back({&stream, segment, reasonOf(how)});
     any_ = true;
   }
@@ -38,7 +38,7 @@ void DamageRegister::report(const Stream& stream, const Segment& segment, Decode
 
 void DamageRegister::remember(const Stream& stream, const Segment& segment) {
   MutexLock lock(mutex_);
-  stretches_[&stream].push_back({segment.first, segment.last, 0});
+  stretches_[&stream].push_back({segment.first, segment.end(), 0});
   any_ = true;
 }
 

@@ -101,10 +101,16 @@ std::optional<Segment> SegmentTable::after(const StreamKey& key, const Segment& 
   return found;
 }
 
+Segment SegmentTable::bounded(const StreamKey& key, Segment segment) {
+  if (!segment.isTwisted()) return segment;
+  if (const auto next = after(key, segment)) segment.bound = next->first;
+  return segment;
+}
+
 std::int64_t SegmentTable::beginFor(const StreamKey& key, std::int64_t start) {
   if (start == kEarliest) return start;
   Cursor before = backward(key, start - 1);
-  return before.next() && before.segment().last >= start ? before.segment().first : start;
+  return before.next() && before.segment().reaches(start) ? before.segment().first : start;
 }
 
 bool SegmentTable::exists(std::int64_t id) {

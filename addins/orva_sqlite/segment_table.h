@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -30,7 +31,14 @@ struct Segment {
   std::int64_t seq = 0;
   std::int64_t last = 0;
   std::int64_t count = 0;
-  std::int64_t size = 0;  // bytes
+  std::int64_t size = 0;           // bytes
+  std::int64_t bound = kEarliest;  // of a twisted one: where the next one begins, if it was asked
+
+  // Whether it ends before it begins: damage, whose samples may be anywhere from `first` on.
+  bool isTwisted() const { return last < first; }
+  // Whether samples at `time` or later may be in it.
+  bool reaches(std::int64_t time) const { return isTwisted() || last >= time; }
+  std::int64_t end() const { return isTwisted() ? std::max(first, bound) : last; }
 };
 
 // The look-ups in the table of segments, for the writing and the reading connections alike.
@@ -63,6 +71,8 @@ class SegmentTable {
   Cursor backward(const StreamKey& key, std::int64_t from = kLatest);
   // The row right after `segment`.
   std::optional<Segment> after(const StreamKey& key, const Segment& segment);
+  // The same segment, with its bound.
+  Segment bounded(const StreamKey& key, Segment segment);
   // Where to begin with forward() for the samples from `start` on: a row that begins before may
   // reach into the stretch.
   std::int64_t beginFor(const StreamKey& key, std::int64_t start);

@@ -94,7 +94,7 @@ std::vector<Segment> SegmentWriter::rowsMeeting(const StreamKey& key, std::int64
   SegmentTable::Cursor cursor =
       store_.segments().forward(key, store_.segments().beginFor(key, from));
   while (cursor.next() && cursor.segment().first <= to) {
-    if (cursor.segment().last >= from) rows.push_back(cursor.segment());
+    if (cursor.segment().reaches(from)) rows.push_back(cursor.segment());
   }
   return rows;
 }
@@ -140,7 +140,7 @@ void SegmentWriter::appendOlder(Stream& stream, const Columns& samples) {
   const StreamKey key = fileKey(stream);
   for (std::size_t at = 0; at < samples.size() && !store_.db().failed();) {
     const std::optional<Segment> row = rowAt(key, samples.times[at]);
-    const bool inside = row && row->last > samples.times[at];
+    const bool inside = row && (row->isTwisted() || row->last > samples.times[at]);
     at = inside ? insertInto(stream, samples, at, *row) : insertBetween(stream, samples, at, row);
   }
 }
@@ -266,7 +266,7 @@ std::size_t SegmentWriter::deleteOldest(const Stream& stream, std::int64_t cutof
   for (const Segment& row : rows) {
     std::size_t old = static_cast<std::size_t>(row.count);
     const bool isNewest = newest && newest->id == row.id;
-    if (row.last >= cutoff || isNewest) {
+    if (row.reaches(cutoff) || isNewest) {
       const Decoded how = store_.segments().load(key, row, store_.decoder(), loaded_);
       if (store_.db().failed()) return 0;
       if (how != Decoded::kGood) {
@@ -333,14 +333,15 @@ Span SegmentWriter::spanOf(const StreamKey& key) {
   Span span;
   SegmentTable::Cursor first = store_.segments().forward(key);
   SegmentTable::Cursor last = store_.segments().backward(key);
-  if (first.next() && last.next()) span.extend(first.segment().first, last.segment().last);
+  if (first.next() && last.next()) span.extend(first.segment().first, last.segment().end());
   return span;
 }
 
 void SegmentWriter::setApart(const Stream& stream, const Segment& row, Decoded how) {
-  damage_.report(stream, row, how);
+  const Segment bounded = store_.segments().bounded(fileKey(stream), row);
+  damage_.report(stream, bounded, how);
   // Otherwise whoever met it would meet it again at once.
-  if (!store_.setApart(row, "cannot be decoded")) {
+  if (!store_.setApart(bounded, "cannot be decoded")) {
     store_.db().noteCorrupt("a damaged segment cannot be set apart");
   }
 }

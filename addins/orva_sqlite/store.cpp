@@ -153,7 +153,7 @@ void Store::remove(std::int64_t id) { Query(removeSegment_).bind(id).run(); }
 bool Store::setApart(const Segment& segment, const std::string& reason) {
   if (!segments_.holds(segment)) return false;
   Query query(setApart_);
-  query.bind(segment.id).bind(segment.first).bind(segment.last).bind(segment.count);
+  query.bind(segment.id).bind(segment.first).bind(segment.end()).bind(segment.count);
   query.bind(getInt64FileTime()).bindText(reason).run();
   remove(segment.id);
   return !db_.failed();

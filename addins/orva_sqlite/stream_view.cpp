@@ -68,7 +68,7 @@ void StreamView::checkFailure() {
 bool StreamView::decode(const SegmentTable::Cursor& cursor) {
   const Decoded how = cursor.decode(reader_->decoder, reader_->columns);
   if (how == Decoded::kGood) return true;
-  damage_.report(stream_, cursor.segment(), how);
+  damage_.report(stream_, reader_->segments.bounded(key_, cursor.segment()), how);
   metDamage_ = true;
   return false;
 }
@@ -85,7 +85,8 @@ PinPtr StreamView::newest(std::int64_t from, std::int64_t to) {
   if (reader_) {
     SegmentTable::Cursor cursor = reader_->segments.backward(key_, to);
     while (cursor.next()) {
-      const std::int64_t reach = std::min(cursor.segment().last, to);
+      const std::int64_t reach =
+          cursor.segment().isTwisted() ? to : std::min(cursor.segment().last, to);
       // A buffered sample arrived later than one of the file that has the same time.
       if (reach < from || (best && best->time >= reach)) break;
       if (!decode(cursor)) continue;
@@ -112,7 +113,7 @@ PinPtr StreamView::oldest(std::int64_t from, std::int64_t to) {
     while (cursor.next()) {
       const std::int64_t reach = std::max(cursor.segment().first, from);
       if (reach > to || (best && best->time < reach)) break;
-      if (cursor.segment().last < from || !decode(cursor)) continue;
+      if (!cursor.segment().reaches(from) || !decode(cursor)) continue;
       const auto& times = reader_->columns.times;
       const auto index = std::lower_bound(times.begin(), times.end(), from) - times.begin();
       const PinPtr found = reader_->columns.pin(static_cast<std::size_t>(index));
@@ -147,13 +148,14 @@ bool StreamView::range(std::int64_t from, std::int64_t to, SampleSink& sink) {
     SegmentTable::Cursor cursor =
         reader_->segments.forward(key_, reader_->segments.beginFor(key_, from));
     while (more && cursor.next() && cursor.segment().first <= to) {
-      if (cursor.segment().last < from || !decode(cursor)) continue;
+      if (!cursor.segment().reaches(from) || !decode(cursor)) continue;
       more = rangeOfSegment(from, to, sink);
       reached = cursor.segment().last;
     }
   }
   checkFailure();
   while (more && tailAt_ < tail_.size() && tail_[tailAt_]->time <= to) {
+    reached = tail_[tailAt_]->time;
     more = emit(tail_[tailAt_++], sink);
   }
   if (more) more = flush(sink);
