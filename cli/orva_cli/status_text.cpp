@@ -4,30 +4,15 @@
 #include <cstdio>
 #include <sstream>
 
+#include "orva_store/amount_text.h"
 #include "share/json.h"
 
 namespace orva::cli {
 namespace {
 
-std::string printed(const char* format, double number) {
-  char text[64];
-  std::snprintf(text, sizeof text, format, number);
-  return text;
-}
+std::string count(double number) { return store::fixedText(number, 0); }
 
-std::string count(double number) { return printed("%.0f", number); }
-
-std::string bytes(double number) {
-  if (number < 1e6) return printed("%.0f kB", number / 1e3);
-  return number < 1e9 ? printed("%.1f MB", number / 1e6) : printed("%.2f GB", number / 1e9);
-}
-
-std::string duration(double seconds) {
-  if (seconds < 120) return printed("%.0f s", seconds);
-  if (seconds < 7200) return printed("%.0f min", seconds / 60);
-  return seconds < 172'800 ? printed("%.1f h", seconds / 3600)
-                           : printed("%.1f days", seconds / 86'400);
-}
+std::string bytes(double number) { return store::bytesText(static_cast<std::int64_t>(number)); }
 
 double total(const std::map<std::string, double>& rules) {
   double sum = 0;
@@ -54,15 +39,15 @@ class StatusWriter {
   void host(const std::string& url) {
     out_ << "host      " << url;
     if (!status_.version.empty()) out_ << ", version " << status_.version;
-    out_ << ", up for " << duration(status_.uptimeSeconds) << ", " << bytes(status_.residentBytes)
-         << " of memory\n";
+    out_ << ", up for " << store::durationText(status_.uptimeSeconds) << ", "
+         << bytes(status_.residentBytes) << " of memory\n";
   }
   void cache() {
     const double all = status_.hits + status_.misses;
     out_ << "cache     " << count(status_.items) << " items, " << count(status_.blocks) << " of "
          << count(status_.capacityBlocks) << " blocks";
     if (all > 0) {
-      out_ << ", " << printed("%.1f", 100 * status_.hits / all)
+      out_ << ", " << store::fixedText(100 * status_.hits / all, 1)
            << " % of what is read comes from it";
     }
     out_ << '\n';

@@ -13,6 +13,7 @@
 #include "orva_cli/store_text.h"
 #include "orva_host/time_text.h"
 #include "orva_host/trace_log.h"
+#include "orva_store/amount_text.h"
 #include "orva_store/progress.h"
 #include "orva_store/store_check.h"
 #include "orva_store/store_compact.h"
@@ -217,8 +218,8 @@ int compactCommand(const StoreOptions& options, std::ostream& out) {
   progress.clear();
   if (result.indexMended) out << "index     was damaged; made anew from the segments\n";
   out << "segments  " << result.segmentsBefore << " before, " << result.segmentsAfter << " now\n"
-      << "size      " << bytesText(before) << " before, " << bytesText(bytesTaken(writer.file()))
-      << " now\n"
+      << "size      " << store::bytesText(before) << " before, "
+      << store::bytesText(bytesTaken(writer.file())) << " now\n"
       << damageText(result.damage);
   return result.damage.any() ? kExitFailure : kExitFine;
 }

@@ -1,14 +1,17 @@
 #include "orva_cli/store_text.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 
 #include "orva_cli/row_writer.h"
+#include "orva_store/amount_text.h"
 #include "share/json.h"
 #include "share/ticks.h"
 
 namespace orva::cli {
+
+using store::bytesText;
+using store::fixedText;
+
 namespace {
 
 std::int64_t unixMs(std::int64_t ticks) {
@@ -16,12 +19,6 @@ std::int64_t unixMs(std::int64_t ticks) {
 }
 
 std::string ticksText(std::int64_t ticks, Zone zone) { return timeText(unixMs(ticks), zone); }
-
-std::string fixedText(double number, int digits) {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.*f", digits, number);
-  return text;
-}
 
 double bytesPerSample(const store::StreamFigures& stream) {
   return stream.samples == 0
@@ -77,15 +74,6 @@ std::string damagedTable(const std::vector<store::Damage>& damaged, Zone zone) {
 
 }  // namespace
 
-std::string bytesText(std::int64_t bytes) {
-  constexpr std::array<const char*, 5> kUnits = {"B", "kB", "MB", "GB", "TB"};
-  if (bytes < 1000) return std::to_string(bytes) + " B";
-  auto number = static_cast<double>(bytes);
-  std::size_t unit = 0;
-  for (; number >= 999.95 && unit + 1 < kUnits.size(); ++unit) number /= 1000;
-  return fixedText(number, 1) + " " + kUnits[unit];
-}
-
 std::string checkText(const store::CheckResult& result, const std::string& file, Zone zone) {
   std::string text = "store     " + file + "\n";
   text += "looked at " + std::to_string(result.items) + " items, " +
@@ -93,7 +81,8 @@ std::string checkText(const store::CheckResult& result, const std::string& file,
           " segments, " + std::to_string(result.samples) + " samples\n";
   for (const std::string& problem : result.problems) text += "file      " + problem + "\n";
   if (result.isFine()) return text + "damaged   nothing\n";
-  if (result.damaged.empty()) return text + "damaged   the file; every segment that was found can be read\n";
+  if (result.damaged.empty())
+    return text + "damaged   the file; every segment that was found can be read\n";
   text += "damaged   " + std::to_string(result.damaged.size()) + " stretches:\n";
   return text + damagedTable(result.damaged, zone);
 }

@@ -21,7 +21,4 @@ std::string damageText(const store::DamageMet& damage);
 std::string figuresCsv(const store::StoreFigures& figures, Zone zone);
 std::string figuresJson(const store::StoreFigures& figures, const std::string& file);
 
-// "1.2 MB".
-std::string bytesText(std::int64_t bytes);
-
 }  // namespace orva::cli

@@ -4,18 +4,14 @@
 
 #include <iostream>
 
+#include "orva_store/amount_text.h"
+
 namespace orva::store {
 namespace {
 
 constexpr std::chrono::milliseconds kShowEvery{200};
 
 std::string whole(double number) { return std::to_string(static_cast<std::uint64_t>(number)); }
-
-std::string durationText(double seconds) {
-  if (seconds < 120) return whole(seconds + 0.5) + " s";
-  if (seconds < 7200) return whole(seconds / 60 + 0.5) + " min";
-  return whole(seconds / 3600 + 0.5) + " h";
-}
 
 }  // namespace
 

@@ -581,7 +581,7 @@ TEST_F(StoreTest, CompactNeedsAStore) {
 TEST(ProgressTest, TellsShareCountRateAndTheTimeLeft) {
   EXPECT_EQ(progressText(45, 100, 900'000, "rows", 9),
             "45 %, 900000 rows, 100000 rows/s, 11 s left");
-  EXPECT_EQ(progressText(1, 1000, 10, "rows", 60), "0 %, 10 rows, 0 rows/s, 17 h left");
+  EXPECT_EQ(progressText(1, 1000, 10, "rows", 60), "0 %, 10 rows, 0 rows/s, 16.6 h left");
   EXPECT_EQ(progressText(0, 0, 10, "rows", 2), "10 rows, 5 rows/s");
 }
 
