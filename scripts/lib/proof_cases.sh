@@ -1,5 +1,14 @@
 # Shared by the proofs that are test binaries; sourced after common.sh.
 
+# build_tests TARGET: of the dev preset; where it is then stands in `bin`.
+build_tests() {
+  scripts/setup.sh
+  say "build dev"
+  configure dev
+  build dev "$1"
+  bin=build/dev/bin
+}
+
 # run_cases PROCESSES BINARY [ARGUMENT...]: runs its cases in so many processes, prints what they say
 # and, last, how many passed, failed and were skipped. Exits with 0 when none failed.
 run_cases() {

@@ -29,16 +29,9 @@ while (($# > 0)); do
   shift
 done
 
-if [[ -z $bin ]]; then
-  scripts/setup.sh
-  say "build dev"
-  configure dev
-  build dev orva_fault_tests
-  bin=build/dev/bin
-fi
-
 export ORVA_FAULT_OPERATIONS=$operations ORVA_DAMAGE_STEP=$step
 source scripts/lib/proof_cases.sh
+if [[ -z $bin ]]; then build_tests orva_fault_tests; fi
 # In memory, where there is room: the disk's own speed is not what is proven.
 if [[ -z ${TMPDIR:-} && -w /dev/shm ]]; then export TMPDIR=/dev/shm; fi
 run_cases "$(nproc)" "$bin/orva_fault_tests"

@@ -25,14 +25,7 @@ while (($# > 0)); do
   shift
 done
 
-if [[ -z $bin ]]; then
-  scripts/setup.sh
-  say "build dev"
-  configure dev
-  build dev orva_e2e_tests
-  bin=build/dev/bin
-fi
-
 export ORVA_KILL_ROUNDS=$rounds
 source scripts/lib/proof_cases.sh
+if [[ -z $bin ]]; then build_tests orva_e2e_tests; fi
 run_cases 1 "$bin/orva_e2e_tests" --gtest_filter='KillTest.*'
