@@ -2,6 +2,7 @@
 #include <boost/smart_ptr/make_shared.hpp>
 #include <exception>
 #include <iterator>
+#include <new>
 
 #include "host/trace.h"
 #include "orva_database/sampling.h"
@@ -22,20 +23,31 @@ struct Request::Item::Interval::Fan {
   std::vector<std::vector<PinPtr>> answers GUARDED_BY(mutex);
   std::size_t finished GUARDED_BY(mutex) = 0;
 
-  // One archive is done; the last one hands everything to the parent.
+  // One archive is done; the last one hands everything to the parent, and ends it in any case.
   void finish() EXCLUDES(mutex) {
-    std::vector<PinPtr> all;
     {
       MutexLock lock(mutex);
       if (++finished != answers.size()) return;
-      all = merged();
     }
-    trim(all);
-    parent->push(all.data(), all.size());
+    try {
+      handOver();
+    } catch (const std::bad_alloc&) {
+      parent->fail(status::kBadOutOfMemory);
+    }
     parent->finalize();
   }
 
  private:
+  void handOver() EXCLUDES(mutex) {
+    std::vector<PinPtr> all;
+    {
+      MutexLock lock(mutex);
+      all = merged();
+    }
+    trim(all);
+    parent->push(all.data(), all.size());
+  }
+
   struct Taken {
     PinPtr pin;
     std::size_t archive;  // the last archive that gave it
@@ -98,15 +110,11 @@ Request::Item::Interval::Interval(boost::weak_ptr<Item> item, std::uint32_t inde
 // object can be made here, so no listener runs and nothing of it is cached.
 Request::Item::Interval::~Interval() {
   if (final_.load()) return;
-  try {
-    if (fan_) {
-      fan_->parent->failed_.store(true);
-      fan_->finish();
-    } else if (const SharedItem item = item_.lock()) {
-      if (item->remove(this)) item->finalize();
-    }
-  } catch (...) {
-    OpcUa_Trace_Imp(kTraceError, "<--ReturnError: ~Interval throws\n", __FILE__, __LINE__);
+  if (fan_) {
+    fan_->parent->failed_.store(true);
+    fan_->finish();
+  } else if (const SharedItem item = item_.lock()) {
+    if (item->remove(this)) item->finalize();
   }
 }
 
@@ -310,11 +318,17 @@ void Request::Item::Interval::finalize() {
   // Held while the listeners run: to them an item that is gone means that pushes were ignored.
   const SharedItem item = item_.lock();
   if (item) {
-    MutexLock lock(item->mutex_);
-    hadEnough_ = enough(*item);
-    if (resampler_ && item->takesValues()) {
-      resampler_->flush();
-      drainResampler(*item);
+    try {
+      MutexLock lock(item->mutex_);
+      hadEnough_ = enough(*item);
+      if (resampler_ && item->takesValues()) {
+        resampler_->flush();
+        drainResampler(*item);
+      }
+    } catch (const std::bad_alloc&) {
+      // The listeners run all the same: without them the item would never end.
+      failed_.store(true, std::memory_order_release);
+      item->fail(status::kBadOutOfMemory);
     }
     resampler_.reset();
   }
