@@ -148,15 +148,15 @@ bool DataArchiveManager::State::findTarget(const Interval& interval, Target& out
     for (const auto& [number, provider] : archives) out.providers.push_back(provider);
     return true;
   }
-  const auto archiveNumber = layerArchives.find({cacheId, interval.layer()});
-  if (archiveNumber == layerArchives.end()) {
+  const auto number = layerArchives.find({cacheId, interval.layer()});
+  const Provider provider =
+      number == layerArchives.end() ? Provider() : findArchive(number->second);
+  if (!provider || key == cacheItems.end()) {
     traceNoArchive(cacheId, interval.layer());
     return false;
   }
-  const auto archive = archives.find(archiveNumber->second);
-  if (archive == archives.end() || key == cacheItems.end()) return false;
   out.key = key->second;
-  out.providers.push_back(archive->second);
+  out.providers.push_back(provider);
   return true;
 }
 
