@@ -3,6 +3,7 @@
 #include <zstd.h>
 
 #include <algorithm>
+#include <new>
 
 namespace orva::sqlite {
 namespace {
@@ -48,7 +49,7 @@ void BytesDecoder::get(ByteReader& in, Bytes& out, std::size_t limit) {
   const std::uint8_t* const bytes = in.bytes(stored);
   if (form != kCompressed || in.failed()) return in.fail();
   if (context_ == nullptr) context_ = ZSTD_createDCtx();
-  if (context_ == nullptr) return in.fail();
+  if (context_ == nullptr) throw std::bad_alloc();  // which is no damage
   out.resize(size);
   const std::size_t made = ZSTD_decompressDCtx(context_, out.data(), size, bytes, stored);
   if (ZSTD_isError(made) != 0 || made != size) in.fail();

@@ -185,11 +185,11 @@ FaultVfs::~FaultVfs() {
 void FaultVfs::arm(const Plan& plan) {
   plan_ = plan;
   struck_ = 0;
-  counts_.clear();
+  counts_.fill(0);
 }
 
 bool FaultVfs::strikes(Operation operation) {
-  const std::uint64_t number = ++counts_[operation];
+  const std::uint64_t number = ++counts_[static_cast<std::size_t>(operation)];
   if (plan_.nth == 0 || operation != plan_.operation) return false;
   if (number != plan_.nth && !(plan_.forEver && number > plan_.nth)) return false;
   ++struck_;

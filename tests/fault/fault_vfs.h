@@ -2,9 +2,10 @@
 
 #include <sqlite3.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,7 @@ struct FileEvent {
 class FaultVfs {
  public:
   enum class Operation { kOpen, kRead, kWrite, kSync, kTruncate };
+  static constexpr std::size_t kOperations = 5;
   enum class Fault {
     kFail,   // nothing happens, an error comes back
     kFull,   // write: nothing happens, the disk is full
@@ -50,7 +52,9 @@ class FaultVfs {
   // How often the plan has struck.
   std::uint64_t struck() const { return struck_; }
   // How many of them there were since arm(), or from the beginning.
-  std::uint64_t count(Operation operation) { return counts_[operation]; }
+  std::uint64_t count(Operation operation) const {
+    return counts_[static_cast<std::size_t>(operation)];
+  }
 
   void record(bool on) { recording_ = on; }
   // Called before each event is added to the record.
@@ -70,7 +74,7 @@ class FaultVfs {
   sqlite3_vfs vfs_{};
   Plan plan_;
   std::uint64_t struck_ = 0;
-  std::map<Operation, std::uint64_t> counts_;
+  std::array<std::uint64_t, kOperations> counts_{};
   bool recording_ = false;
   std::vector<FileEvent> events_;
 };

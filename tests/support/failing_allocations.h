@@ -2,8 +2,9 @@
 
 namespace orva::test {
 
-// The memory allocations of a test binary that includes failing_allocations.cpp: operator new and
-// SQLite's own. They are counted, and one of them fails when a test says so. Allocations of
+// The memory allocations of a test binary that includes failing_allocations.cpp: operator new,
+// SQLite's own and those of zstd's contexts. They are counted, and one of them fails when a test
+// says so. Allocations of
 // threads that the system starts count too; those inside an Unharmed do not, nor do they fail.
 class FailingAllocations {
  public:

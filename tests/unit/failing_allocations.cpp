@@ -1,6 +1,8 @@
 #include "support/failing_allocations.h"
 
+#include <dlfcn.h>
 #include <sqlite3.h>
+#include <zstd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -48,6 +50,14 @@ void release(void* memory) {
 sqlite3_mem_methods sqliteMethods;  // SQLite's own
 
 void* sqliteMalloc(int size) { return isNth() ? nullptr : sqliteMethods.xMalloc(size); }
+// The library's own function of that name makes it.
+template <class Context>
+Context* context(const char* name) {
+  if (allocationsLeft == 0 || isNth()) return nullptr;
+  using Make = Context* (*)();
+  return reinterpret_cast<Make>(dlsym(RTLD_NEXT, name))();
+}
+
 void* sqliteRealloc(void* memory, int size) {
   return isNth() ? nullptr : sqliteMethods.xRealloc(memory, size);
 }
@@ -105,3 +115,9 @@ void operator delete(void* memory) noexcept { orva::test::release(memory); }
 void operator delete[](void* memory) noexcept { orva::test::release(memory); }
 void operator delete(void* memory, std::size_t) noexcept { orva::test::release(memory); }
 void operator delete[](void* memory, std::size_t) noexcept { orva::test::release(memory); }
+
+// What the segments are compressed and read with, which comes from malloc(), fails like the rest.
+extern "C" {
+ZSTD_CCtx* ZSTD_createCCtx() { return orva::test::context<ZSTD_CCtx>("ZSTD_createCCtx"); }
+ZSTD_DCtx* ZSTD_createDCtx() { return orva::test::context<ZSTD_DCtx>("ZSTD_createDCtx"); }
+}
