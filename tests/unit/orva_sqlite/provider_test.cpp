@@ -74,6 +74,21 @@ TEST_F(ProviderTest, ItsThreadWritesWhatIsAccepted) {
   provider->stop();
 }
 
+TEST_F(ProviderTest, ItStartsOnceAndNotAfterAStop) {
+  const auto provider = start();
+  provider->start();
+  provider->archive()->layerWriter({1, "a"}, 0, 0).write(sample(1));
+  const Counters& counters = provider->sqliteArchive().counters();
+  EXPECT_TRUE(waitFor(*provider, [&] { return counters.written == 1; }));
+  provider->stop();
+  provider->start();
+  EXPECT_EQ(provider->archive()->itemHandle({1, "a"}), 0U);
+  const auto never = make();
+  never->stop();
+  never->start();
+  EXPECT_FALSE(never->sqliteArchive().worker().ready());
+}
+
 TEST_F(ProviderTest, AStopWritesWhatIsBufferedAndEndsAllService) {
   limits_.writePeriod = kTicksPerHour;
   auto provider = start();
