@@ -50,8 +50,6 @@ StatusCode RequestProcessor::CallMethod(const std::string& path, const std::stri
 StatusCode RequestProcessor::call(int number, const json::Value& request, ReplyWriter& reply,
                                   int budget) {
   switch (number) {
-    case Methods::kGetArchiveItems:
-      return GetArchiveItems(request, reply);
     case Methods::kHistoryReadRaw:
       return HistoryReadRaw(request, reply, budget);
     case Methods::kHistoryReadRawAsync:
@@ -60,8 +58,8 @@ StatusCode RequestProcessor::call(int number, const json::Value& request, ReplyW
       return PublishHistoryData(request, reply, budget);
     case Methods::kReadNewRecords:
       return ReadNewRecords(request, reply, budget);
-    default:
-      return status::kBadNotSupported;
+    default:  // kGetArchiveItems
+      return GetArchiveItems(request, reply);
   }
 }
 
