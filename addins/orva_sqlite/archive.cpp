@@ -162,6 +162,7 @@ void Archive::close() {
       worker_.interrupted();
     }
   }
+  worker_.abandon();
 }
 
 }  // namespace orva::sqlite

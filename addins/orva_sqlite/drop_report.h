@@ -30,10 +30,15 @@ class DropReport {
     const std::uint64_t dropped = dropped_;
     if (dropped == told_) return;
     const std::uint64_t count = dropped - told_;
+    try {
+      log_.post(HostEventKind::kSamplesDropped, HostEventSeverity::kWarning,
+                std::to_string(count) + " samples were dropped", static_cast<std::int64_t>(count));
+    } catch (...) {
+      noted_ = true;  // still to be told
+      throw;
+    }
     told_ = dropped;
     toldAt_ = now;
-    log_.post(HostEventKind::kSamplesDropped, HostEventSeverity::kWarning,
-              std::to_string(count) + " samples were dropped", static_cast<std::int64_t>(count));
   }
   // When tell() will have something to do.
   std::int64_t ticksToNext(std::int64_t now) const {

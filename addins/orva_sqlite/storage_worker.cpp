@@ -453,21 +453,32 @@ std::int64_t StorageWorker::pass() {
   }
   if (!settleIndex(now)) return failedAt_ == 0 ? 0 : ticksToNext(now);
   if (buffer_.batchIsDue(now, limits_.writePeriod)) {
-    if (writeBatch()) return 0;
+    if (!writeBatch()) return ticksToNext(now);
+    // Steady writing must not keep a clean-up waiting.
+    if (!cleaner_.isRunning() && cleanUpIsDue(now)) startCleanUp(now);
+    if (!cleaner_.isRunning()) return 0;
   } else if (!mergeQueue_.empty()) {
-    if (mergeSome()) return 0;
-  } else if (cleaner_.isRunning()) {
-    if (cleanSome()) {
-      succeeded();
-      return 0;
-    }
-    failed("cleaning up");
-  } else if (limits_.cleanupPeriod > 0 && now - cleanedAt_ >= limits_.cleanupPeriod) {
-    cleanedAt_ = now;
-    cleaner_.start(ageClock_.timeOfCleanUp(getInt64FileTime(), now));
+    return mergeSome() ? 0 : ticksToNext(now);
+  } else if (!cleaner_.isRunning()) {
+    if (!cleanUpIsDue(now)) return ticksToNext(now);
+    startCleanUp(now);
     return 0;
   }
+  if (cleanSome()) {
+    succeeded();
+    return 0;
+  }
+  failed("cleaning up");
   return ticksToNext(now);
+}
+
+bool StorageWorker::cleanUpIsDue(std::int64_t now) const {
+  return limits_.cleanupPeriod > 0 && now - cleanedAt_ >= limits_.cleanupPeriod;
+}
+
+void StorageWorker::startCleanUp(std::int64_t now) {
+  cleanedAt_ = now;
+  cleaner_.start(ageClock_.timeOfCleanUp(getInt64FileTime(), now));
 }
 
 std::int64_t StorageWorker::ticksToNext(std::int64_t now) const {
@@ -525,6 +536,7 @@ void StorageWorker::interrupted() {
   loaded_.clear();
   rows_.clear();
   newItems_.clear();
+  mergeEverything_ = false;
   store_.close();
   store_.db().clearFailure();
 }
@@ -539,6 +551,14 @@ void StorageWorker::finish() {
   }
   drops_.tellRest(Signal::elapsed());
   activity_.noteWaiting(buffer_.waiting());
+  readers_.close();
+  ready_ = false;
+  store_.close();
+  location_.unlock();
+}
+
+void StorageWorker::abandon() noexcept {
+  counters_.dropped += buffer_.discard();
   readers_.close();
   ready_ = false;
   store_.close();

@@ -47,6 +47,8 @@ class StorageWorker {
   void interrupted();
   // Writes what is buffered, as well as it can, and closes the file.
   void finish();
+  // When that failed: counts what is buffered as dropped and closes the file.
+  void abandon() noexcept;
 
   // Whether the file is open and known. Readable from any thread, as is refused().
   bool ready() const { return ready_; }
@@ -75,6 +77,8 @@ class StorageWorker {
   bool setApart(const DamageRegister::Found& found);
   bool settleIndex(std::int64_t now);
   void sayIndexIsNew();
+  bool cleanUpIsDue(std::int64_t now) const;
+  void startCleanUp(std::int64_t now);
   std::int64_t ticksToSetApart(std::int64_t now) const;
   bool mergeSome();
   void queueForMerge(Stream& stream);

@@ -71,7 +71,7 @@ bool WriteBuffer::crowded() {
   bool wake = false;
   {
     MutexLock lock(mutex_);
-    if (nextNumber_ - headNumber_ < (capacity_ + 1) / 2) return false;
+    if (nextNumber_ - headNumber_ < capacity_ - capacity_ / 2) return false;
     wake = !awaited_;
     awaited_ = true;
   }
@@ -172,12 +172,14 @@ void WriteBuffer::setStored(BufferedStream& stream, Span span) {
 
 std::size_t WriteBuffer::discard() {
   MutexLock lock(mutex_);
-  std::size_t lost = static_cast<std::size_t>(nextNumber_ - headNumber_);
+  std::size_t lost = 0;
   for (BufferedStream* const stream : batchStreams_) {
     lost += stream->inFlight_.size();
     emptyOut(stream->inFlight_);
   }
+  // Counted one by one: where memory was lacking, a part of the oldest is in the batch already.
   for (BufferedStream* const stream : dirty_) {
+    lost += stream->waiting_.size() - stream->taken_;
     emptyOut(stream->waiting_);
     stream->taken_ = 0;
   }

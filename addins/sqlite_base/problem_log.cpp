@@ -20,8 +20,6 @@ void ProblemLog::cannotOpen(const std::string& problem) { report(problem, Troubl
 void ProblemLog::failed(const std::string& problem) { report(problem, Trouble::kWriting); }
 
 void ProblemLog::report(const std::string& problem, Trouble trouble) {
-  const bool isFirst = trouble_ == Trouble::kNone;
-  trouble_ = std::max(trouble_, trouble);
   const std::int64_t now = Signal::elapsed();
   if (problem != last_ || now - lastAt_ >= kSayAgainTicks) {
     last_ = problem;
@@ -29,7 +27,10 @@ void ProblemLog::report(const std::string& problem, Trouble trouble) {
     OpcUa_Trace_Imp(kTraceError, "%s: archive \"%s\": %s\n", __FILE__, __LINE__, provider_,
                     file_.c_str(), problem.c_str());
   }
+  // What throws for lack of memory leaves it to be told.
+  const bool isFirst = trouble_ == Trouble::kNone;
   if (isFirst) post(HostEventKind::kProviderFailure, HostEventSeverity::kError, problem);
+  trouble_ = std::max(trouble_, trouble);
 }
 
 void ProblemLog::opened() {
