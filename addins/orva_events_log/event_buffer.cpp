@@ -100,6 +100,15 @@ std::vector<Event> EventBuffer::take() {
   return batch;
 }
 
+std::int64_t EventBuffer::discard() noexcept {
+  MutexLock lock(mutex_);
+  auto count = static_cast<std::int64_t>(pendingLoss_);
+  for (const Event& event : waiting_) count += event.events();
+  waiting_.clear();
+  pendingLoss_ = 0;
+  return count;
+}
+
 std::uint64_t EventBuffer::lost() const {
   MutexLock lock(mutex_);
   return lost_;

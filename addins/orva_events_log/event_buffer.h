@@ -20,6 +20,9 @@ struct Event {
   std::string source;
   std::string text;
   std::int64_t count = 0;
+
+  // How many events it stands for.
+  std::int64_t events() const { return kind == HostEventKind::kEventsLost ? count : 1; }
 };
 
 // The events between the host and the file, in the order in which they came. What does not fit is
@@ -43,6 +46,8 @@ class EventBuffer {
   std::int64_t waitingSince() const EXCLUDES(mutex_);
   // Takes the oldest events out, a batch at most.
   std::vector<Event> take() EXCLUDES(mutex_);
+  // Lets go of them all, and says how many events they stood for.
+  std::int64_t discard() noexcept EXCLUDES(mutex_);
 
   // Events that were not taken, those lost before included.
   std::uint64_t lost() const EXCLUDES(mutex_);

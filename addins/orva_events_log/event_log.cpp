@@ -52,13 +52,7 @@ void EventLog::stop() {
   thread_.reset();
   if (listens_) detachHostEvents(name_.c_str());
   listens_ = false;
-  if (!started_) return;
-  try {
-    writer_.finish();
-  } catch (const std::exception& error) {
-    OpcUa_Trace_Imp(kTraceError, "<--ReturnError: eventslog stop throws: %s\n", __FILE__, __LINE__,
-                    error.what());
-  }
+  if (started_) writer_.finish();
 }
 
 void EventLog::run(void* self) {
@@ -79,6 +73,7 @@ std::int64_t EventLog::pass() noexcept {
   } catch (const std::exception& error) {
     OpcUa_Trace_Imp(kTraceError, "<--ReturnError: eventslog pass throws: %s\n", __FILE__, __LINE__,
                     error.what());
+    writer_.interrupted();
     return kTicksPerSecond;
   }
 }

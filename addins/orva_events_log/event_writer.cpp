@@ -1,9 +1,11 @@
 #include "orva_events_log/event_writer.h"
 
 #include <algorithm>
+#include <exception>
 #include <limits>
 
 #include "host/host_time.h"
+#include "host/trace.h"
 #include "share/ticks.h"
 #include "sqlite_base/period.h"
 
@@ -12,13 +14,7 @@ namespace {
 
 constexpr const char* kProvider = "eventslog";
 
-std::int64_t eventsIn(const std::vector<Event>& batch) {
-  std::int64_t count = 0;
-  for (const Event& event : batch) {
-    count += event.kind == HostEventKind::kEventsLost ? event.count : 1;
-  }
-  return count;
-}
+constexpr int kAttemptsToFinish = 3;
 
 }  // namespace
 
@@ -202,22 +198,55 @@ std::int64_t EventWriter::ticksToNext(std::int64_t now) const {
   return ticks;
 }
 
-void EventWriter::finish() {
-  if (!refused_ && (store_.isOpen() || open())) {
-    while (!batch_.empty() || !buffer_.empty()) {
-      if (!writeBatch()) break;
+// ---- the end
+
+void EventWriter::interrupted() noexcept {
+  store_.close();
+  store_.db().clearFailure();
+}
+
+bool EventWriter::writeRest() {
+  if (refused_) return true;
+  if (!store_.isOpen() && !open()) return false;
+  while (!batch_.empty() || !buffer_.empty()) {
+    if (!writeBatch()) return false;
+  }
+  return true;
+}
+
+void EventWriter::countRest() noexcept {
+  for (const Event& event : batch_) unwritten_ += event.events();
+  batch_.clear();
+  unwritten_ += buffer_.discard();
+}
+
+void EventWriter::tellRest() {
+  if (unwritten_ == 0) return;
+  const std::string problem = std::to_string(unwritten_) + " events could not be written";
+  problems_.failed(problem);
+  problems_.post(HostEventKind::kEventsLost, HostEventSeverity::kError, problem, unwritten_);
+}
+
+// What failed may be over at the next attempt: a lack of memory, a busy file.
+std::int64_t EventWriter::finish() noexcept {
+  bool written = false;
+  bool told = false;
+  for (int attempt = 0; attempt < kAttemptsToFinish && !told; ++attempt) {
+    try {
+      written = written || writeRest() || writeRest();
+      countRest();
+      tellRest();
+      told = true;
+    } catch (const std::exception& error) {
+      OpcUa_Trace_Imp(kTraceError, "<--ReturnError: eventslog stop throws: %s\n", __FILE__,
+                      __LINE__, error.what());
+      interrupted();
     }
   }
-  std::int64_t left = eventsIn(batch_);
-  while (!buffer_.empty()) left += eventsIn(buffer_.take());
-  batch_.clear();
-  if (left > 0) {
-    const std::string problem = std::to_string(left) + " events could not be written";
-    problems_.failed(problem);
-    problems_.post(HostEventKind::kEventsLost, HostEventSeverity::kError, problem, left);
-  }
+  countRest();
   store_.close();
   location_.unlock();
+  return unwritten_;
 }
 
 }  // namespace orva::events_log

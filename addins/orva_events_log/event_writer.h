@@ -24,8 +24,11 @@ class EventWriter {
 
   // Does what is due. Returns in how many ticks something else will be, 0 for at once.
   std::int64_t pass();
-  // Writes what is buffered, as well as it can, and closes the file.
-  void finish();
+  // After pass() has thrown: the file is closed, so that the next pass begins anew.
+  void interrupted() noexcept;
+  // Writes what is buffered, as well as it can, and closes the file. Says in the log and in the
+  // host's events how many events that did not hold for, and returns it.
+  std::int64_t finish() noexcept;
 
   // Whether another log has the place. Readable from any thread.
   bool refused() const { return refused_; }
@@ -38,6 +41,9 @@ class EventWriter {
   bool openFile();
   bool moveAside();
   bool writeBatch();
+  bool writeRest();
+  void countRest() noexcept;
+  void tellRest();
   bool cleanUp();
   void startCleanUp(std::int64_t elapsed);
   bool failed(const char* doing);
@@ -50,8 +56,9 @@ class EventWriter {
   EventBuffer& buffer_;
   sqlite::ProblemLog problems_;
   EventStore store_;
-  std::vector<Event> batch_;  // taken from the buffer, not known to be in the file
-  std::int64_t batchId_ = 0;  // number of its first event when it was tried last, 0 untried
+  std::vector<Event> batch_;    // taken from the buffer, not known to be in the file
+  std::int64_t unwritten_ = 0;  // events that were there when it ended
+  std::int64_t batchId_ = 0;    // number of its first event when it was tried last, 0 untried
   // Times are those of Signal::elapsed().
   std::int64_t failedAt_ = 0;   // when something failed, 0 when nothing has to be tried again
   std::int64_t cleanedAt_ = 0;  // when the last clean-up began
