@@ -82,12 +82,12 @@ std::size_t Cleaner::deleteFromOldest(std::int64_t excess) {
   while (!queue.empty() && freed < excess && deleted < maxPerStep_ && !store_.db().failed()) {
     Stream* const stream = queue.top();
     queue.pop();
-    const std::size_t gone = writer_.deleteFirstSegment(*stream, maxPerStep_ - deleted, freed);
-    if (gone == 0) continue;  // its newest sample only, or damage
-    deleted += gone;
+    const auto gone = writer_.deleteFirstSegment(*stream, maxPerStep_ - deleted, freed);
+    if (!gone) continue;
+    deleted += *gone;
     touched_.push_back(stream);
     stream->stored = writer_.spanOf(fileKey(*stream));
-    queue.push(stream);
+    if (!stream->stored.empty()) queue.push(stream);
   }
   return deleted;
 }

@@ -280,17 +280,19 @@ std::size_t SegmentWriter::deleteOldest(const Stream& stream, std::int64_t cutof
   return deleted;
 }
 
-std::size_t SegmentWriter::deleteFirstSegment(const Stream& stream, std::size_t budget,
-                                              std::int64_t& bytes) {
+std::optional<std::size_t> SegmentWriter::deleteFirstSegment(const Stream& stream,
+                                                             std::size_t budget,
+                                                             std::int64_t& bytes) {
   const StreamKey key = fileKey(stream);
   std::optional<Segment> row;
   bool isNewest = false;
   {
     SegmentTable::Cursor cursor = store_.segments().forward(key);
-    if (!cursor.next()) return 0;
+    if (!cursor.next()) return {};
     row = cursor.segment();
     isNewest = !cursor.next();
   }
+  if (isNewest && row->count == 1) return {};
   const std::size_t old = static_cast<std::size_t>(row->count) - (isNewest ? 1 : 0);
   const std::size_t deleted = deleteFrom(stream, *row, std::min(old, budget));
   if (deleted == 0) return 0;  // a damaged row's count may be anything

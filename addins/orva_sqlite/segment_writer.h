@@ -40,9 +40,11 @@ class SegmentWriter {
   // Deletes the oldest samples of a stream: those before `cutoff`, `budget` at most, never the
   // newest sample. Returns how many.
   std::size_t deleteOldest(const Stream& stream, std::int64_t cutoff, std::size_t budget);
-  // Deletes the stream's oldest segment, `budget` samples of it at most, never the newest sample.
-  // Adds what its row took to `bytes`.
-  std::size_t deleteFirstSegment(const Stream& stream, std::size_t budget, std::int64_t& bytes);
+  // Deletes the stream's oldest segment, `budget` samples of it at most, never the newest sample;
+  // returns how many, 0 when it was damaged and is set apart. Adds what its row took to `bytes`.
+  // Nothing when there is nothing to delete.
+  std::optional<std::size_t> deleteFirstSegment(const Stream& stream, std::size_t budget,
+                                                std::int64_t& bytes);
   // Of the file, as this transaction sees it.
   Span spanOf(const StreamKey& key);
 

@@ -262,6 +262,35 @@ TEST_F(ArchiveTest, WhereOnlyNewestSamplesAreLeftDamagedOnesGo) {
   for (int id = 1; id <= 60; ++id) EXPECT_TRUE(answers({{id, "x"}}));
 }
 
+TEST_F(ArchiveTest, ACleanUpForSizeGoesOnBehindADamagedSegment) {
+  limits_.maxSize = 1;
+  limits_.maxWriteValues = 10;
+  limits_.maxDelValues = 5;  // less than a segment, so that each is decoded
+  std::mt19937_64 random(1);
+  for (const char* const damage : {"data = x'0102'", "count = 0", "count = -1"}) {
+    const TemporaryFolder folder;
+    connection_.location = folder.path();
+    open();
+    for (int i = 0; i < 600; ++i) {
+      write({1, "a"}, 0, makePin(second(i), textValue(noise(random, 3000))));
+    }
+    ASSERT_TRUE(worker().writeAll());
+    Store& store = worker().store();
+    const std::string change = std::string("UPDATE segment SET ") + damage + " WHERE id = 1";
+    ASSERT_TRUE(store.db().exec(change.c_str()));
+    ASSERT_GT(store.space().used(), store.space().target());
+    ASSERT_TRUE(worker().cleanUp());
+    EXPECT_LE(store.space().used(), store.space().target()) << damage;
+    EXPECT_EQ(store.db().number("SELECT count(*) FROM damaged"), 1) << damage;
+    EXPECT_EQ(counters().damaged, 1U) << damage;
+    const std::uint64_t deleted = counters().deleted;
+    EXPECT_GT(deleted, 100U) << damage;
+    EXPECT_LT(deleted, 500U) << damage;
+    EXPECT_EQ(ask({}).pushed.size(), 590 - deleted) << damage;
+    close();
+  }
+}
+
 // ---- rows set apart
 
 // Damage that a change meets: the row is set apart, and what was to be stored is.
