@@ -56,7 +56,8 @@ std::unique_ptr<FileReader> ReaderPool::take(std::string& problem) {
 }
 
 void ReaderPool::giveBack(std::unique_ptr<FileReader> reader) {
-  if (!reader || reader->db.failed()) return;
+  // One whose transaction could not be ended would see this moment for ever.
+  if (!reader || reader->db.failed() || reader->db.isInTransaction()) return;
   MutexLock lock(mutex_);
   if (isOpen_ && reader->generation == generation_ && idle_.size() < keep_) {
     try {

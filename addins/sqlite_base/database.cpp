@@ -43,8 +43,11 @@ std::int64_t Database::number(const char* sql, std::int64_t otherwise) {
 }
 
 void Database::rollback() {
-  if (handle_ == nullptr || sqlite3_get_autocommit(handle_) != 0) return;
-  sqlite3_exec(handle_, "ROLLBACK", nullptr, nullptr, nullptr);
+  if (isInTransaction()) sqlite3_exec(handle_, "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+bool Database::isInTransaction() const {
+  return handle_ != nullptr && sqlite3_get_autocommit(handle_) == 0;
 }
 
 void Database::clearFailure() {

@@ -31,6 +31,8 @@ class Database {
   bool commit() { return exec("COMMIT"); }
   void rollback();  // also clears nothing: the failure that led here stays
 
+  bool isInTransaction() const;
+
   bool failed() const { return code_ != 0; }
   int code() const { return code_; }  // SQLite's extended result code, 0 for none
   const std::string& failure() const { return failure_; }
