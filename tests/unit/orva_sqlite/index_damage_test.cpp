@@ -12,6 +12,7 @@
 #include "share/status_codes.h"
 #include "share/ticks.h"
 #include "unit/orva_sqlite/archive_fixture.h"
+#include "unit/orva_sqlite/failing_statements.h"
 
 namespace orva::sqlite::test {
 namespace {
@@ -214,6 +215,47 @@ TEST_F(IndexDamageTest, ARowOfAnotherPlaceIsNotCleanedUp) {
   EXPECT_TRUE(worker().cleanUp());
   EXPECT_EQ(values({}), (std::vector<double>{2}));
   EXPECT_EQ(values({{2, "b"}}), (std::vector<double>{3}));
+}
+
+TEST_F(IndexDamageTest, AnIndexThatCouldNotBeMadeAnewIsMadeAnewAnHourLater) {
+  FailingStatements statements;
+  writeSegments(4);
+  damageIndex(1);
+  EXPECT_TRUE(isBad(ask({}).failure));
+  statements.arm(1, "REINDEX");
+  passes(3);
+  EXPECT_TRUE(statements.hasFailed());
+  EXPECT_EQ(trace_.countContaining("making the index anew failed: interrupted"), 1);
+  EXPECT_TRUE(indexWasMended(0));
+  write(second(1000), 1);
+  clock_.advance(kTicksPerMinute);
+  EXPECT_TRUE(worker().writeAll());
+  EXPECT_TRUE(answers({{1, "a"}, 0, begin(3), 0}));
+  clock_.advance(kTicksPerHour);
+  EXPECT_TRUE(isBad(ask({}).failure));
+  passes(3);
+  EXPECT_TRUE(answers({}));
+  EXPECT_TRUE(indexWasMended());
+}
+
+TEST_F(IndexDamageTest, SoIsOneWhoseFileSomebodyHeld) {
+  writeSegments(4);
+  damageIndex(1);
+  EXPECT_TRUE(isBad(ask({}).failure));
+  {
+    Database holder;
+    ASSERT_TRUE(holder.open(folder_ / "archive.db", Database::Mode::kReadWrite));
+    ASSERT_TRUE(holder.begin());
+    worker().pass();
+  }
+  EXPECT_TRUE(indexWasMended(0));
+  write(second(1000), 1);
+  EXPECT_TRUE(worker().writeAll());
+  clock_.advance(kTicksPerHour);
+  EXPECT_TRUE(isBad(ask({}).failure));
+  passes(3);
+  EXPECT_TRUE(answers({}));
+  EXPECT_TRUE(indexWasMended());
 }
 
 // Rows that run over many pages, one of which leads nowhere: no index helps there.
