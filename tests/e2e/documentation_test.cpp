@@ -130,6 +130,12 @@ TEST_F(JsonMethodsPageTest, TheCommandsOfTheCommandLinePagePrintWhatStandsBelowT
                             "export ORVA_HOST=http://127.0.0.1:" +
                             std::to_string(plant_.port()) + "\ncd '" + plant_.folder().path() +
                             "'\n";
+  // What a store is asked for must be in its file, which takes the archive its "writePeriod".
+  const ProgramResult stored = runProgram(
+      {"/bin/sh", "-c",
+       shell + "for i in $(seq 200); do orva store export store | grep -q ',22,0$' && exit; "
+               "sleep 0.05; done; exit 1"});
+  ASSERT_EQ(stored.exitCode, 0) << stored.err;
   int commands = 0;
   for (const Fence& fence : fencesOf("docs/command-line.md")) {
     if (fence.info != "console session") continue;
