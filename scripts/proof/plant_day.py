@@ -128,7 +128,11 @@ class Recording:
             self.hours.append(offered)
 
     def in_memory(self, offered):
-        return self.expected[max(0, bisect.bisect_right(self.offered, offered) - 1)]
+        """Samples in the cache, and of the most that there ever were until then the bytes: what a
+        process has taken for them it keeps for the next ones."""
+        until = max(1, bisect.bisect_right(self.offered, offered))
+        return (self.expected[until - 1][0],
+                max(samples * PER_SAMPLE + text for samples, text in self.expected[:until]))
 
 
 class Host:
@@ -234,9 +238,8 @@ def report(recording, polls, base):
     for hour, boundary in enumerate(recording.hours, 1):
         offered, resident, waiting = polls[min(bisect.bisect_left(positions, boundary),
                                                len(polls) - 1)]
-        samples, text = recording.in_memory(offered)
-        formula = (base + SQLITE + len(recording.items) * PER_ITEM + samples * PER_SAMPLE + text +
-                   waiting)
+        samples, most = recording.in_memory(offered)
+        formula = base + SQLITE + len(recording.items) * PER_ITEM + most + waiting
         off = resident / formula - 1
         wrong = abs(off) > TOLERANCE
         good = good and not wrong
