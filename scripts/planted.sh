@@ -100,7 +100,8 @@ unit_sources() {
     mapfile -t -O "${#files[@]}" files < <(cd "$copy" &&
       grep -rlE "^(TEST|TEST_F|TEST_P|TYPED_TEST)\(($suites)," tests/unit)
   done
-  mapfile -t -O "${#files[@]}" files < <(cd "$copy" && find tests/unit -name '*.cpp' ! -name '*_test.cpp')
+  mapfile -t -O "${#files[@]}" files < <(cd "$copy" &&
+    find tests/unit tests/fault/fault_vfs.cpp -name '*.cpp' ! -name '*_test.cpp')
   printf '%s\n' "${files[@]}" | sort -u | paste -sd '|'
 }
 
